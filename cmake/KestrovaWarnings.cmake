@@ -1,0 +1,12 @@
+# The one place for warning and sanitizer flags. Hosts that build us never get -Werror:
+# it is switched on only by KESTROVA_WERROR, which CI sets.
+add_library(kestrova_warnings INTERFACE)
+target_compile_options(kestrova_warnings INTERFACE -Wall -Wextra -Wpedantic)
+if(KESTROVA_WERROR)
+  target_compile_options(kestrova_warnings INTERFACE -Werror)
+endif()
+
+if(KESTROVA_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -1,0 +1,43 @@
+// The source of "now" and of timers. Every piece of the library that needs the time or a
+// delay asks its Clock, so tests drive time with a ManualClock and never sleep.
+// Implementations are thread-safe.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace kestrova {
+
+using Date = std::chrono::system_clock::time_point;
+
+class DispatchQueue;
+
+// A one-shot timer that can be re-armed. The handler runs on the timer's queue, at most once
+// per arming; arming again before it fired moves the deadline instead of adding a second run.
+// Destroying the timer cancels it; a handler already running is not interrupted.
+class Timer {
+ public:
+  virtual ~Timer() = default;
+
+  virtual void schedule(std::chrono::nanoseconds delay,
+                        std::chrono::nanoseconds leeway = std::chrono::nanoseconds{0}) = 0;
+  virtual void cancel() = 0;
+  virtual bool isArmed() const = 0;
+};
+
+class Clock {
+ public:
+  virtual ~Clock() = default;
+
+  virtual Date now() const = 0;
+
+  // The handler runs on `queue` when the timer fires.
+  virtual std::unique_ptr<Timer> makeTimer(std::shared_ptr<DispatchQueue> queue,
+                                           std::function<void()> handler) = 0;
+};
+
+// The clock of the machine: wall time from the system clock, timers on the steady clock.
+std::shared_ptr<Clock> makeSystemClock();
+
+}  // namespace kestrova

@@ -1,0 +1,38 @@
+// Files of the library's data directory, which stands for the documents directory of a phone
+// application. Implementations are thread-safe; operations on one path are not ordered against
+// each other, so each caller owns the files it names.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/result.h"
+
+namespace kestrova {
+
+class FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+
+  virtual Result<std::filesystem::path> documentsDirectory() const = 0;
+  // Creates the directory and any missing parent; an existing directory is no error.
+  virtual Status createDirectories(const std::filesystem::path& path) = 0;
+  // Replaces the file's contents as a whole: the bytes go to a hidden temporary file in the same
+  // directory that is renamed over the target, so a reader or a crash sees the old file or the
+  // new one, never a part.
+  virtual Status writeFileAtomically(const std::filesystem::path& path, const Bytes& data) = 0;
+  virtual Result<Bytes> readFile(const std::filesystem::path& path) const = 0;
+  virtual Status removeFile(const std::filesystem::path& path) = 0;
+  // The names in a directory, without hidden names (those that begin with "."), in the
+  // file system's order.
+  virtual Result<std::vector<std::string>> listDirectory(
+      const std::filesystem::path& path) const = 0;
+  virtual Result<std::uintmax_t> fileSize(const std::filesystem::path& path) const = 0;
+};
+
+// Files on the local disk, with `root` as the documents directory.
+std::shared_ptr<FileSystem> makeLocalFileSystem(std::filesystem::path root);
+
+}  // namespace kestrova

@@ -1,0 +1,191 @@
+// Files on the local disk through POSIX calls, so that every failure keeps its errno.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/file_system.h"
+
+namespace kestrova {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kDomain = "POSIX";
+
+Error posixError(int code, std::string_view what, const fs::path& path) {
+  std::string description(what);
+  description += ' ';
+  description += path.string();
+  description += ": ";
+  description += std::strerror(code);
+  return Error{std::string(kDomain), code, std::move(description)};
+}
+
+// Owns one file descriptor.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  // Closes now, reporting the errno of a failed close (some file systems report write errors
+  // only there).
+  int close() {
+    int result = ::close(fd_);
+    fd_ = -1;
+    return result == 0 ? 0 : errno;
+  }
+
+ private:
+  int fd_;
+};
+
+int writeAll(int fd, const Bytes& data) {
+  std::size_t written = 0;
+  while (written < data.size()) {
+    const auto n = ::write(fd, data.data() + written, data.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    written += static_cast<std::size_t>(n);
+  }
+  return 0;
+}
+
+class LocalFileSystem : public FileSystem {
+ public:
+  explicit LocalFileSystem(fs::path root) : root_(std::move(root)) {}
+
+  Result<fs::path> documentsDirectory() const override { return root_; }
+
+  Status createDirectories(const fs::path& path) override {
+    std::error_code error;
+    fs::create_directories(path, error);
+    if (error) {
+      return posixError(error.value(), "Cannot create directory", path);
+    }
+    return std::nullopt;
+  }
+
+  Status writeFileAtomically(const fs::path& path, const Bytes& data) override {
+    // Hidden, so that listings never show a half-written file; mkstemp makes it owner-only,
+    // which suits health data.
+    std::string pattern =
+        (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
+    FileDescriptor file(::mkstemp(pattern.data()));
+    if (!file.valid()) {
+      return posixError(errno, "Cannot create temporary file for", path);
+    }
+    const fs::path temporary(pattern);
+    auto fail = [&](int code, std::string_view what) {
+      ::unlink(temporary.c_str());
+      return posixError(code, what, path);
+    };
+    if (int code = writeAll(file.get(), data); code != 0) {
+      return fail(code, "Cannot write");
+    }
+    if (::fsync(file.get()) != 0) {
+      return fail(errno, "Cannot flush");
+    }
+    if (int code = file.close(); code != 0) {
+      return fail(code, "Cannot close");
+    }
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+      return fail(errno, "Cannot rename into");
+    }
+    // The rename itself must reach the disk for the file to survive a power loss.
+    FileDescriptor directory(
+        ::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.valid()) {
+      ::fsync(directory.get());
+    }
+    return std::nullopt;
+  }
+
+  Result<Bytes> readFile(const fs::path& path) const override {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
+      return posixError(errno, "Cannot open", path);
+    }
+    Bytes data;
+    struct stat info {};
+    if (::fstat(file.get(), &info) == 0 && info.st_size > 0) {
+      data.reserve(static_cast<std::size_t>(info.st_size));
+    }
+    std::uint8_t buffer[64 * 1024];
+    for (;;) {
+      const auto n = ::read(file.get(), buffer, sizeof buffer);
+      if (n < 0) {
+        if (errno == EINTR) {
+          continue;
+        }
+        return posixError(errno, "Cannot read", path);
+      }
+      if (n == 0) {
+        break;
+      }
+      data.insert(data.end(), buffer, buffer + n);
+    }
+    return data;
+  }
+
+  Status removeFile(const fs::path& path) override {
+    if (::unlink(path.c_str()) != 0) {
+      return posixError(errno, "Cannot remove", path);
+    }
+    return std::nullopt;
+  }
+
+  Result<std::vector<std::string>> listDirectory(const fs::path& path) const override {
+    DIR* directory = ::opendir(path.c_str());
+    if (directory == nullptr) {
+      return posixError(errno, "Cannot open directory", path);
+    }
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent* entry = ::readdir(directory)) {
+      if (entry->d_name[0] != '.') {
+        names.emplace_back(entry->d_name);
+      }
+    }
+    const int code = errno;
+    ::closedir(directory);
+    if (code != 0) {
+      return posixError(code, "Cannot list directory", path);
+    }
+    return names;
+  }
+
+  Result<std::uintmax_t> fileSize(const fs::path& path) const override {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+      return posixError(errno, "Cannot read size of", path);
+    }
+    return static_cast<std::uintmax_t>(info.st_size);
+  }
+
+ private:
+  const fs::path root_;
+};
+
+}  // namespace
+
+std::shared_ptr<FileSystem> makeLocalFileSystem(fs::path root) {
+  return std::make_shared<LocalFileSystem>(std::move(root));
+}
+
+}  // namespace kestrova
