@@ -1,0 +1,65 @@
+#include "platform/file_system.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "support/test_support.h"
+
+namespace kestrova {
+namespace {
+
+TEST(LocalFileSystem, AtomicWritesReplaceWholeFilesAndListingsHideTemporaries) {
+  testing::TempDir dir;
+  auto files = makeLocalFileSystem(dir.path());
+  ASSERT_EQ(files->documentsDirectory().value(), dir.path());
+  const auto sub = dir.path() / "a" / "b";
+  ASSERT_FALSE(files->createDirectories(sub));
+  ASSERT_FALSE(files->createDirectories(sub));  // existing: no error
+
+  const auto path = sub / "file";
+  ASSERT_FALSE(files->writeFileAtomically(path, toBytes("first, longer content")));
+  ASSERT_FALSE(files->writeFileAtomically(path, toBytes("second")));
+  EXPECT_EQ(toString(files->readFile(path).value()), "second");
+  EXPECT_EQ(files->fileSize(path).value(), 6u);
+
+  // Health data: the file is the owner's alone.
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+  // What a write interrupted before its rename leaves behind is hidden and never listed.
+  std::ofstream(sub / ".file.AbC123") << "half a paylo";
+  std::ofstream(sub / "other") << "x";
+  auto names = files->listDirectory(sub).value();
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"file", "other"}));
+}
+
+TEST(LocalFileSystem, FailuresCarryTheirErrno) {
+  testing::TempDir dir;
+  auto files = makeLocalFileSystem(dir.path());
+  const auto missing = dir.path() / "missing";
+
+  auto read = files->readFile(missing);
+  ASSERT_FALSE(read);
+  EXPECT_EQ(read.error().domain, "POSIX");
+  EXPECT_EQ(read.error().code, ENOENT);
+  EXPECT_NE(read.error().description.find("missing"), std::string::npos);
+
+  EXPECT_EQ(files->removeFile(missing)->code, ENOENT);
+  EXPECT_EQ(files->listDirectory(missing).error().code, ENOENT);
+  EXPECT_EQ(files->writeFileAtomically(missing / "x", toBytes("x"))->code, ENOENT);
+  // A replacement leaves no temporary file behind, hidden or not.
+  ASSERT_FALSE(files->createDirectories(dir.path() / "d"));
+  std::ofstream(dir.path() / "d" / "keep") << "old";
+  EXPECT_FALSE(files->writeFileAtomically(dir.path() / "d" / "keep", toBytes("new")));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() / "d"),
+                          std::filesystem::directory_iterator()),
+            1);
+}
+
+}  // namespace
+}  // namespace kestrova

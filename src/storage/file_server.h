@@ -1,0 +1,76 @@
+// The upload file store: one file per payload in "Kestrova/Upload" or "Kestrova/UploadBulk"
+// under the documents directory, named timestamp "---" sample id "---" profile id. Writes are
+// serialised on the write queue "com.kestrova.queue.fileserver.write"; reads, deletes and
+// listings run on the caller's thread. A file becomes known only once it is complete (its
+// write completion, or a listing), so they need no lock.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/dispatch.h"
+#include "platform/file_system.h"
+
+namespace kestrova {
+
+struct FileNameComponents {
+  std::string sampleId;
+  std::string profileId;
+  Date timestamp;
+
+  // timestamp text "---" sampleId "---" profileId.
+  std::string fileName() const;
+  // None unless the name is three parts separated by "---" whose first is a timestamp text.
+  static std::optional<FileNameComponents> parse(std::string_view name);
+
+  friend bool operator==(const FileNameComponents&, const FileNameComponents&) = default;
+};
+
+class FileServer {
+ public:
+  static constexpr std::string_view kWriteQueueLabel = "com.kestrova.queue.fileserver.write";
+  static constexpr std::string_view kSeparator = "---";
+  static constexpr int kMaximumWriteAttempts = 3;
+
+  using WriteCompletion = std::function<void(std::optional<FileNameComponents>)>;
+
+  // `writeQueue` must be a serial queue; normally the process-wide one of sharedWriteQueue().
+  FileServer(std::shared_ptr<FileSystem> files, std::shared_ptr<DispatchQueue> writeQueue);
+
+  // The process-wide write queue, made on first use with the given dispatcher.
+  static std::shared_ptr<DispatchQueue> sharedWriteQueue(Dispatcher& dispatcher);
+
+  // Created, with its parents, every time it is asked for.
+  std::optional<std::filesystem::path> directoryURL(bool bulk) const;
+  std::optional<std::filesystem::path> fileURL(const FileNameComponents& components,
+                                               bool bulk) const;
+
+  // Writes the whole file on the write queue; the completion runs there, with the components
+  // on success and none on failure.
+  void write(Bytes data, FileNameComponents components, bool bulk, WriteCompletion completion);
+  // Writes, and tries again up to three attempts in all; `written` runs (on the write queue)
+  // once the file is complete. Past the last attempt the payload is dropped with an error line.
+  void writeWithRetry(Bytes data, FileNameComponents components, bool bulk, int attempt,
+                      std::function<void(const FileNameComponents&)> written);
+  // The file's bytes when they are JSON; a file that is not JSON is deleted.
+  std::optional<Bytes> read(const FileNameComponents& components, bool bulk);
+  void remove(const FileNameComponents& components, bool bulk);
+  std::vector<FileNameComponents> list(bool bulk) const;
+
+  // Components for a batch of one family: the sample id is `prefix` followed by the GMT
+  // timestamp of `now`; a second batch of the same prefix in the same millisecond gets a
+  // "-<n>" suffix, so that it never replaces the first.
+  FileNameComponents makeBatchComponents(std::string_view prefix, std::string profileId, Date now);
+
+ private:
+  const std::shared_ptr<FileSystem> files_;
+  const std::shared_ptr<DispatchQueue> writeQueue_;
+};
+
+}  // namespace kestrova

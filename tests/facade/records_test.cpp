@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include "kestrova/config.h"
+#include "kestrova/error.h"
+#include "kestrova/version.h"
+#include "support/test_support.h"
+
+namespace {
+
+using kestrova::testing::utc;
+using Type = KestrovaHealthKitDataType;
+
+class KestrovaConfigTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    test_ = kestrova::testing::makeTestPlatform(dir_.path(), "Europe/Berlin");
+  }
+  void TearDown() override { kestrova::installPlatform(nullptr); }
+
+  kestrova::testing::TempDir dir_;
+  kestrova::testing::TestPlatform test_;
+};
+
+TEST_F(KestrovaConfigTest, DefaultsApplyOnlyToAbsentParameters) {
+  test_.clock->set(utc(2021, 3, 30, 10));  // 12:00 in Berlin, summer time
+  const KestrovaConfig config("t");
+  EXPECT_EQ(config.token(), "t");
+  EXPECT_EQ(config.url(), "https://api.kestrova.com/api/");
+  // 20 calendar days back is 12:00 in Berlin on 10 March, winter time: 11:00 UTC.
+  EXPECT_EQ(config.startDate(), utc(2021, 3, 10, 11));
+  ASSERT_EQ(config.enabledDataTypes().size(), 25u);
+  for (int raw = 0; raw < 25; ++raw) {
+    EXPECT_EQ(config.enabledDataTypes()[static_cast<std::size_t>(raw)].rawValue(), raw);
+  }
+
+  const auto start = utc(2020, 5, 1);
+  const KestrovaConfig explicitOnes("t", "http://127.0.0.1:8080/api/", start,
+                                    std::vector<Type>{Type::heartRate});
+  EXPECT_EQ(explicitOnes.url(), "http://127.0.0.1:8080/api/");
+  EXPECT_EQ(explicitOnes.startDate(), start);
+  EXPECT_EQ(explicitOnes.enabledDataTypes(), std::vector<Type>{Type::heartRate});
+
+  // An explicit empty list enables nothing; integer lists keep order and duplicates.
+  EXPECT_TRUE(KestrovaConfig("t", std::nullopt, std::nullopt, std::vector<int>{})
+                  .enabledDataTypes()
+                  .empty());
+  EXPECT_TRUE(KestrovaConfig("t", std::nullopt, std::nullopt, std::vector<Type>{})
+                  .enabledDataTypes()
+                  .empty());
+  EXPECT_EQ(KestrovaConfig("t", std::nullopt, std::nullopt, {22, 22, 0}).enabledDataTypes(),
+            (std::vector<Type>{Type::stepCount, Type::stepCount, Type::activeEnergyBurned}));
+}
+
+TEST(KestrovaConfigDeathTest, RawValueOutsideTheTableEndsTheProcess) {
+  EXPECT_DEATH(KestrovaConfig("t", std::nullopt, std::nullopt, {1, 25}), "25 is not a");
+  EXPECT_DEATH(KestrovaConfig("t", std::nullopt, std::nullopt, {-1}), "-1 is not a");
+}
+
+TEST(KestrovaHealthKitDataType, RawValuesNamesAndAllCases) {
+  EXPECT_FALSE(Type::fromRawValue(25));
+  EXPECT_FALSE(Type::fromRawValue(-1));
+  EXPECT_EQ(Type::fromRawValue(22), Type(Type::stepCount));
+  const auto& all = Type::allCases();
+  ASSERT_EQ(all.size(), 25u);
+  EXPECT_EQ(all.front().name(), "activeEnergyBurned");
+  EXPECT_EQ(all[14].name(), "electrocardiogram");
+  EXPECT_EQ(all[16].name(), "heartRateVariabilitySDNN");
+  EXPECT_EQ(all.back().name(), "workout");
+  // The raw values follow the alphabetical order of the names.
+  for (std::size_t i = 1; i < all.size(); ++i) {
+    EXPECT_EQ(all[i].rawValue(), static_cast<int>(i));
+    EXPECT_LT(std::string(all[i - 1].name()), std::string(all[i].name()));
+  }
+}
+
+TEST(KestrovaHealthKitError, CodesDescriptionsAndGenericForm) {
+  using E = KestrovaHealthKitError;
+  const std::vector<std::pair<E, std::string>> table = {
+      {E::authorizationNotGranted(""), "Authorization not granted: "},
+      {E::noTokenAvailableFor("p1"), "No token available for profile ID: p1"},
+      {E::invalidToken("abc"), "InvalidToken: abc"},
+      {E::failedToValidateProfile("p2"), "Failed to validate profile: p2"},
+      {E::apiURLNotValid(), "API url not valid"},
+      {E::bridgeCouldNotBeSetUp(), "Kestrova HealthKit bridge could not be set up"},
+      {E::HealthKitStoreNotAvailable(), "HealthKit Store not available"},
+      {E::couldNotStartHealthKitQuery(), "Could not start HealthKit queries"},
+      {E::invalidHost(), "Invalid url host"},
+      {E::invalidScheme(), "Invalid url scheme"},
+      {E::noProfileIdProvided(), "No profile ID has been provided"},
+  };
+  for (std::size_t code = 0; code < table.size(); ++code) {
+    const auto& [error, description] = table[code];
+    EXPECT_EQ(static_cast<int>(error.code()), static_cast<int>(code));
+    EXPECT_EQ(error.errorDescription(), description);
+    const auto generic = error.genericError();
+    EXPECT_EQ(generic.domain, "KestrovaLib.KestrovaHealthKitError");
+    EXPECT_EQ(generic.code, static_cast<int>(code));
+    EXPECT_EQ(generic.localizedDescription, description);
+  }
+  EXPECT_EQ(E::invalidToken("abc").payload(), "abc");
+  EXPECT_FALSE(E::invalidHost().payload());
+  EXPECT_NE(E::failedToValidateProfile("a"), E::failedToValidateProfile("b"));
+}
+
+TEST(Version, ComesFromTheBuild) {
+  EXPECT_STREQ(KESTROVA_VERSION_STRING, "0.1.0");
+}
+
+}  // namespace

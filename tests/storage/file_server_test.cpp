@@ -1,0 +1,156 @@
+#include "storage/file_server.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <future>
+#include <set>
+
+#include "facade/formatters.h"
+#include "support/test_support.h"
+
+namespace kestrova {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::utc;
+
+class FileServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    test_ = testing::makeTestPlatform(dir_.path());
+    log_ = testing::CapturedLog::install();
+    queue_ = test_.platform->dispatcher->makeSerialQueue("test.write", QualityOfService::utility);
+    server_ = std::make_unique<FileServer>(test_.platform->files, queue_);
+  }
+  void TearDown() override {
+    log_->uninstall();
+    installPlatform(nullptr);
+  }
+
+  std::optional<FileNameComponents> writeAndWait(const std::string& data,
+                                                 const FileNameComponents& components, bool bulk) {
+    std::promise<std::optional<FileNameComponents>> done;
+    server_->write(toBytes(data), components, bulk,
+                   [&](std::optional<FileNameComponents> result) { done.set_value(result); });
+    return done.get_future().get();
+  }
+
+  testing::TempDir dir_;
+  testing::TestPlatform test_;
+  std::shared_ptr<testing::CapturedLog> log_;
+  std::shared_ptr<DispatchQueue> queue_;
+  std::unique_ptr<FileServer> server_;
+};
+
+TEST(FileNameComponents, NamesRoundTripAndForeignNamesDoNotParse) {
+  const FileNameComponents components{"workout-2024-03-01T08:15:30.000", "p1",
+                                      utc(2024, 3, 1, 8, 15, 30, 250)};
+  EXPECT_EQ(components.fileName(),
+            "2024-03-01T08:15:30.250---workout-2024-03-01T08:15:30.000---p1");
+  EXPECT_EQ(FileNameComponents::parse(components.fileName()), components);
+  // Empty identifiers are still a name of ours.
+  EXPECT_EQ(FileNameComponents::parse("2024-03-01T08:15:30.250------")->sampleId, "");
+
+  for (const char* foreign :
+       {"", "readme.txt", "2024-03-01T08:15:30.250", "2024-03-01T08:15:30.250---s",
+        "yesterday---s---p", "2024-03-01---s---p", "2024-03-01T08:15:30.250---s---p---extra"}) {
+    EXPECT_FALSE(FileNameComponents::parse(foreign)) << foreign;
+  }
+}
+
+TEST_F(FileServerTest, WritesReadsListsAndDeletes) {
+  const FileNameComponents a{"body-1", "p1", utc(2024, 3, 1)};
+  ASSERT_EQ(writeAndWait("[1]", a, true), a);
+  // The same components again: one file holding the second payload.
+  ASSERT_EQ(writeAndWait("[2,3]", a, true), a);
+  EXPECT_EQ(server_->read(a, true), toBytes("[2,3]"));
+  EXPECT_TRUE(log_->contains("Data written to file: "));
+  EXPECT_TRUE(log_->contains("Data loaded from file: "));
+
+  // Bulk and single uploads with the same name are distinct files.
+  ASSERT_EQ(writeAndWait("{\"single\":true}", a, false), a);
+  EXPECT_EQ(server_->read(a, false), toBytes("{\"single\":true}"));
+  EXPECT_EQ(server_->read(a, true), toBytes("[2,3]"));
+  EXPECT_EQ(*server_->directoryURL(true), dir_.path() / "Kestrova" / "UploadBulk");
+  EXPECT_EQ(*server_->directoryURL(false), dir_.path() / "Kestrova" / "Upload");
+
+  // Names that are not ours, and what an interrupted write leaves, are never listed or touched.
+  std::ofstream(dir_.path() / "Kestrova" / "UploadBulk" / "notes.txt") << "keep me";
+  std::ofstream(dir_.path() / "Kestrova" / "UploadBulk" / ".2024-03-01T00:00:00.000---x---p1.Ab12")
+      << "[1, 2, ";
+  EXPECT_EQ(server_->list(true), std::vector<FileNameComponents>{a});
+  EXPECT_EQ(server_->list(false), std::vector<FileNameComponents>{a});
+
+  server_->remove(a, true);
+  EXPECT_TRUE(server_->list(true).empty());
+  EXPECT_TRUE(log_->contains("Deleted file "));
+  EXPECT_EQ(server_->list(false), std::vector<FileNameComponents>{a});
+  EXPECT_TRUE(fs::exists(dir_.path() / "Kestrova" / "UploadBulk" / "notes.txt"));
+
+  // Deleting or reading what is gone is logged, not fatal.
+  server_->remove(a, true);
+  EXPECT_TRUE(log_->contains("Cannot delete file, error: "));
+  EXPECT_FALSE(server_->read(a, true));
+  EXPECT_TRUE(log_->contains("Trying to create a file handle for reading fails with error: "));
+}
+
+TEST_F(FileServerTest, FilesThatAreNotJsonAreDeletedOnRead) {
+  const FileNameComponents components{"body-1", "p1", utc(2024, 3, 1)};
+  for (const std::string bad : {"plain text", "[1, 2", "", "\"\xC3\x28\""}) {
+    ASSERT_TRUE(writeAndWait(bad, components, true));
+    EXPECT_FALSE(server_->read(components, true)) << bad;
+    EXPECT_TRUE(server_->list(true).empty()) << bad;
+  }
+  EXPECT_TRUE(log_->contains("Non-json data found, file will be removed: "));
+  // Any JSON value is accepted, not only arrays.
+  ASSERT_TRUE(writeAndWait("42", components, true));
+  EXPECT_EQ(server_->read(components, true), toBytes("42"));
+}
+
+TEST_F(FileServerTest, FailedWritesAreRetriedThenDropped) {
+  // A file where the upload directory should be makes every write fail.
+  ASSERT_FALSE(test_.platform->files->createDirectories(dir_.path() / "Kestrova"));
+  std::ofstream(dir_.path() / "Kestrova" / "UploadBulk") << "in the way";
+  const FileNameComponents components{"sleep-1", "p1", utc(2024, 3, 1)};
+  EXPECT_FALSE(writeAndWait("[]", components, true));
+  EXPECT_TRUE(log_->contains("Trying to get the directory URL to fails with error: "));
+
+  log_->clear();
+  std::atomic<int> written{0};
+  server_->writeWithRetry(toBytes("[]"), components, true, 1,
+                          [&](const FileNameComponents&) { ++written; });
+  queue_->sync([] {});
+  queue_->sync([] {});
+  queue_->sync([] {});
+  EXPECT_EQ(written.load(), 0);
+  EXPECT_EQ(log_->matching("Trying to get the directory URL").size(), 3u);
+  EXPECT_TRUE(log_->contains("after 3 attempts"));
+
+  // Once the way is clear the first attempt succeeds and hands the file on.
+  fs::remove(dir_.path() / "Kestrova" / "UploadBulk");
+  std::promise<FileNameComponents> handed;
+  server_->writeWithRetry(toBytes("[]"), components, true, 1,
+                          [&](const FileNameComponents& c) { handed.set_value(c); });
+  EXPECT_EQ(handed.get_future().get(), components);
+}
+
+TEST_F(FileServerTest, BatchesOfTheSameMillisecondGetDistinctNames) {
+  const auto now = utc(2024, 3, 1, 8, 0, 0, 1);
+  std::set<std::string> names;
+  for (int i = 0; i < 3; ++i) {
+    const auto components = server_->makeBatchComponents("workout-", "p1", now);
+    EXPECT_EQ(components.timestamp, now);
+    EXPECT_EQ(components.sampleId.rfind("workout-2024-03-01T08:00:00.001", 0), 0u);
+    names.insert(components.fileName());
+    ASSERT_TRUE(writeAndWait("[" + std::to_string(i) + "]", components, true));
+  }
+  EXPECT_EQ(names.size(), 3u);
+  EXPECT_EQ(server_->list(true).size(), 3u);
+  // Another family in the same millisecond keeps the plain name.
+  EXPECT_EQ(server_->makeBatchComponents("sleep-", "p1", now).sampleId,
+            "sleep-2024-03-01T08:00:00.001");
+}
+
+}  // namespace
+}  // namespace kestrova
