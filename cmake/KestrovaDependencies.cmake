@@ -17,3 +17,8 @@ target_link_libraries(kestrova_asio INTERFACE Threads::Threads)
 if(KESTROVA_BUILD_TESTS)
   find_package(GTest REQUIRED)
 endif()
+
+find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED)
+pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
