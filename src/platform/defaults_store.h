@@ -1,6 +1,6 @@
 // The application's defaults store: small typed values under string keys that survive
-// restarts. Implementations are thread-safe and keep a value either wholly written or not at
-// all, also when the process dies in the middle of a write.
+// restarts. Each implementation owns its state behind its own lock and may be called from any
+// thread; a value is either wholly written or not at all, also when the process dies mid-write.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -23,19 +24,26 @@ class DefaultsStore {
   virtual ~DefaultsStore() = default;
 
   virtual std::optional<DefaultsValue> object(std::string_view key) const = 0;
+  // Replaces whatever `key` held, whatever its type.
   virtual void setObject(std::string_view key, DefaultsValue value) = 0;
+  // Several keys at once; the SQLite store writes them all or none. Later pairs win over
+  // earlier ones with the same key.
+  virtual void setObjects(std::vector<std::pair<std::string, DefaultsValue>> values);
   virtual void removeObject(std::string_view key) = 0;
   // Every key that begins with `prefix`, in ascending order.
   virtual std::vector<std::string> keys(std::string_view prefix = {}) const = 0;
 
   // The bytes under `key`; none when the key is absent or holds another type.
   std::optional<Bytes> data(std::string_view key) const;
+  // The text under `key`, or a number written out as the platform's defaults do ("42",
+  // "1.5"); none when the key is absent or holds bytes.
   std::optional<std::string> string(std::string_view key) const;
 };
 
-// The store kept in an SQLite database at `path`. A database that cannot be opened because it
-// is damaged is moved aside (its name gains ".corrupt-<time>") and a new one is started, with an
-// error log line; the failure to open a new one is returned.
+// The store kept in an SQLite database at `path` (parent directories are created). A database
+// that cannot be opened because it is damaged is moved aside (its name gains
+// ".corrupt-<unix seconds>") and a new one is started, with an error log line; the failure to
+// open a new one is returned. Failures after opening are logged and read as absent values.
 Result<std::shared_ptr<DefaultsStore>> openSqliteDefaultsStore(const std::filesystem::path& path);
 
 }  // namespace kestrova

@@ -21,18 +21,25 @@ class DispatchQueue {
   virtual QualityOfService qualityOfService() const = 0;
 
   // Runs `work` after everything submitted before it, never at the same time as other work of
-  // this queue. Never runs `work` on the calling thread before returning.
+  // this queue. Never runs `work` on the calling thread before returning. An exception escaping
+  // `work` is logged as an error and goes no further.
   virtual void async(std::function<void()> work) = 0;
   // Runs `work` on the queue and returns after it has run. Called from work already running on
   // this queue it runs `work` at once instead of deadlocking.
   virtual void sync(std::function<void()> work) = 0;
-  // True when called from work that this queue is running.
+  // True when called from work that this queue is running. For a main queue on the host's
+  // executor that means work handed over through this queue, not any code on the host's thread.
   virtual bool isCurrent() const = 0;
 };
 
 // How a host application runs work on its own main thread (its event loop's post function).
 using MainExecutor = std::function<void(std::function<void()>)>;
 
+// Destroying the dispatcher refuses new work and lets the work already queued run, then joins
+// its threads (from one of its own threads, the joining is handed to a short-lived thread so it
+// never waits for itself). Queues may outlive it: work submitted to them afterwards is dropped
+// with a debug line, and sync() then returns without running its work. Work already handed to
+// a host's executor is the host's to run.
 class Dispatcher {
  public:
   virtual ~Dispatcher() = default;
@@ -46,8 +53,8 @@ class Dispatcher {
 struct DispatcherOptions {
   // Threads shared by all serial queues.
   int threads = 4;
-  // When set, main-queue work is handed to the host's executor; otherwise the dispatcher runs
-  // a main thread of its own.
+  // When set, main-queue work is handed to the host's executor, which must run it in order, one
+  // item at a time; otherwise the dispatcher runs a main thread of its own.
   std::optional<MainExecutor> mainExecutor;
 };
 

@@ -27,7 +27,9 @@ class Operation : public std::enable_shared_from_this<Operation> {
   virtual ~Operation() = default;
 
   // Called by the queue on its dispatch queue. The default runs `main` unless cancelled and
-  // then reports the operation finished; asynchronous operations override it.
+  // then reports the operation finished (also when `main` throws: the exception is logged);
+  // asynchronous operations override it. Starting an executing or finished operation does
+  // nothing.
   virtual void start();
   virtual bool isAsynchronous() const { return false; }
   virtual bool isExecuting() const;
@@ -35,6 +37,8 @@ class Operation : public std::enable_shared_from_this<Operation> {
   bool isCancelled() const { return cancelled_.load(); }
   virtual void cancel() { cancelled_.store(true); }
 
+  // Observers are called on the thread making the change, without any lock held; they stay
+  // for the operation's lifetime.
   void addObserver(Observer observer);
 
  protected:
@@ -52,7 +56,8 @@ class Operation : public std::enable_shared_from_this<Operation> {
 
 class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
  public:
-  // `queue` is where operations are started; at most `maxConcurrentOperationCount` run at once.
+  // `queue` is where operations are started; at most `maxConcurrentOperationCount` (at least 1)
+  // are started and not yet finished at once.
   static std::shared_ptr<OperationQueue> make(std::string name, QualityOfService qos,
                                               std::shared_ptr<DispatchQueue> queue,
                                               int maxConcurrentOperationCount = 1);
@@ -60,6 +65,8 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
   const std::string& name() const;
   QualityOfService qualityOfService() const;
 
+  // An operation belongs to one queue. One that has already finished is logged and ignored; one
+  // that finishes while still waiting is dropped without being started.
   void addOperation(std::shared_ptr<Operation> operation);
   // A suspended queue starts no new operation; running ones go on.
   void setSuspended(bool suspended);

@@ -1,5 +1,5 @@
 // A keychain: secret items keyed by service and account, with the platform's status codes.
-// Implementations are thread-safe.
+// Each implementation owns its items behind its own lock and may be called from any thread.
 #pragma once
 
 #include <cstdint>
@@ -51,7 +51,9 @@ class SecureStore {
 };
 
 // The store kept in an SQLite database at `path`. Its directory is made (and kept) readable by
-// the owner only, and so is the database file.
+// the owner only (0700), and so are the database file and its journals (0600). A damaged
+// database is moved aside and replaced, as for the defaults store. Failures after opening are
+// logged and reported as errSecIO.
 Result<std::shared_ptr<SecureStore>> openSqliteSecureStore(const std::filesystem::path& path);
 
 }  // namespace kestrova
