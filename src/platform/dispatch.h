@@ -25,7 +25,9 @@ class DispatchQueue {
   // `work` is logged as an error and goes no further.
   virtual void async(std::function<void()> work) = 0;
   // Runs `work` on the queue and returns after it has run. Called from work already running on
-  // this queue it runs `work` at once instead of deadlocking.
+  // this queue it runs `work` at once instead of deadlocking. Called from another queue's work
+  // it holds that queue's pool thread while waiting, so a chain of nested syncs must stay
+  // shorter than the pool is wide.
   virtual void sync(std::function<void()> work) = 0;
   // True when called from work that this queue is running. For a main queue on the host's
   // executor that means work handed over through this queue, not any code on the host's thread.

@@ -24,8 +24,10 @@ void DispatchGroup::leave() {
     }
     ++emptyings_;
     ready.swap(notifications_);
+    // Under the lock: a waiter may destroy the group as soon as it sees it empty, and must
+    // not do so while we are still notifying.
+    emptied_.notify_all();
   }
-  emptied_.notify_all();
   for (auto& [queue, work] : ready) {
     queue->async(std::move(work));
   }

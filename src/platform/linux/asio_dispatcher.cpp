@@ -133,7 +133,8 @@ class DispatcherCore : public std::enable_shared_from_this<DispatcherCore> {
   asio::thread_pool pool_;
   const std::optional<MainExecutor> mainExecutor_;
   // Set when the main queue runs on a thread of ours. mainWork_ and mainThread_ are touched
-  // only by the constructor and by the single join() that shutdown() lets through.
+  // only by the constructor and by join(): once through shutdown(), which lets one caller in,
+  // then as a no-op from the destructor.
   std::optional<asio::io_context> mainContext_;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> mainWork_;
   std::thread mainThread_;
