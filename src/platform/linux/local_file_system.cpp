@@ -5,51 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "platform/file_system.h"
+#include "platform/linux/posix.h"
 
 namespace kestrova {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::string_view kDomain = "POSIX";
-
-Error posixError(int code, std::string_view what, const fs::path& path) {
-  std::string description(what);
-  description += ' ';
-  description += path.string();
-  description += ": ";
-  description += std::strerror(code);
-  return Error{std::string(kDomain), code, std::move(description)};
-}
-
-// Owns one file descriptor.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  // Closes now, reporting the errno of a failed close (some file systems report write errors
-  // only there).
-  int close() {
-    int result = ::close(fd_);
-    fd_ = -1;
-    return result == 0 ? 0 : errno;
-  }
-
- private:
-  int fd_;
-};
 
 int writeAll(int fd, const Bytes& data) {
   std::size_t written = 0;

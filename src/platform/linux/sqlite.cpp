@@ -7,12 +7,12 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/linux/posix.h"
 #include "platform/log.h"
 
 namespace kestrova {
 namespace {
 
-constexpr std::string_view kPosixErrorDomain = "POSIX";
 constexpr std::string_view kDamagedStoreMovedAside =
     "%{public}@ database %{public}@ is damaged (%{public}@); moved it to %{public}@ and started "
     "a new one";
@@ -28,16 +28,6 @@ constexpr std::uint8_t kEmptyBlob[1] = {0};
 
 sqlite3_destructor_type destructorFor(SqliteCopy copy) {
   return copy == SqliteCopy::copy ? SQLITE_TRANSIENT : SQLITE_STATIC;
-}
-
-Error posixError(int number, std::string_view what) {
-  return Error{std::string(kPosixErrorDomain), number,
-               std::string(what) + ": " + std::generic_category().message(number)};
-}
-
-Error posixError(const std::error_code& code, std::string_view what) {
-  return Error{std::string(kPosixErrorDomain), code.value(),
-               std::string(what) + ": " + code.message()};
 }
 
 // lstat rather than exists(): a dangling symbolic link still occupies the name.
@@ -371,7 +361,7 @@ Result<SqliteDatabase> openSqliteStore(const SqliteStoreOpening& opening) {
       std::error_code code;
       std::filesystem::create_directories(path.parent_path(), code);
       if (code) {
-        return posixError(code, "create directory " + path.parent_path().string());
+        return posixError(code.value(), "create directory", path.parent_path());
       }
     }
 

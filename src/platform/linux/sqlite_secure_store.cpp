@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/linux/posix.h"
 #include "platform/linux/sqlite.h"
 #include "platform/log.h"
 #include "platform/secure_store.h"
@@ -27,7 +28,6 @@ constexpr std::string_view kUpdateFailed =
 constexpr std::string_view kRemoveFailed =
     "Secure store remove failed for service %{public}@, account %@: %{public}@";
 
-constexpr std::string_view kPosixErrorDomain = "POSIX";
 constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kPermissionBits = 07777;
@@ -44,29 +44,6 @@ constexpr std::string_view kInsertSql =
 constexpr std::string_view kUpdateSql =
     "UPDATE items SET data = ?3 WHERE service = ?1 AND account = ?2";
 constexpr std::string_view kDeleteSql = "DELETE FROM items WHERE service = ?1 AND account = ?2";
-
-Error posixError(int number, std::string_view what, const std::filesystem::path& path) {
-  return Error{
-      std::string(kPosixErrorDomain), number,
-      std::string(what) + " " + path.string() + ": " + std::generic_category().message(number)};
-}
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 Status restrictDirectory(const std::filesystem::path& directory) {
   if (directory.empty()) {
