@@ -116,16 +116,23 @@ class SqliteDefaultsStore final : public DefaultsStore {
       return std::nullopt;
     }
     const std::int64_t type = select.columnInt64(0);
+    // Built in place: GCC 12 mistakes the destruction of a moved-from temporary variant for a
+    // free of a stack object (-Wfree-nonheap-object) at -O2.
     switch (type) {
       case kTypeBlob:
-        return DefaultsValue(select.columnBlob(1));
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<Bytes>,
+                                            select.columnBlob(1));
       case kTypeText:
-        return DefaultsValue(select.columnText(1));
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<std::string>,
+                                            select.columnTextView(1));
       case kTypeInteger:
-        return DefaultsValue(select.columnInt64(1));
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<std::int64_t>,
+                                            select.columnInt64(1));
       case kTypeReal:
-        return DefaultsValue(select.columnIsNull(1) ? std::numeric_limits<double>::quiet_NaN()
-                                                    : select.columnDouble(1));
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<double>,
+                                            select.columnIsNull(1)
+                                                ? std::numeric_limits<double>::quiet_NaN()
+                                                : select.columnDouble(1));
       default:
         logError(kLogCategory, kUnknownType, {std::to_string(type), key});
         return std::nullopt;
