@@ -4,9 +4,12 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kestrova {
 
@@ -50,6 +53,13 @@ class Dispatcher {
   virtual std::shared_ptr<DispatchQueue> mainQueue() = 0;
   virtual std::shared_ptr<DispatchQueue> makeSerialQueue(std::string label,
                                                          QualityOfService qos) = 0;
+  // The one queue of this dispatcher with that label, made on first use: for queues that the
+  // design makes process-wide, such as the file store's write queue.
+  std::shared_ptr<DispatchQueue> sharedSerialQueue(std::string_view label, QualityOfService qos);
+
+ private:
+  std::mutex sharedQueuesMutex_;  // owns sharedQueues_
+  std::map<std::string, std::shared_ptr<DispatchQueue>, std::less<>> sharedQueues_;
 };
 
 struct DispatcherOptions {

@@ -100,9 +100,7 @@ FileServer::FileServer(std::shared_ptr<FileSystem> files, std::shared_ptr<Dispat
     : files_(std::move(files)), writeQueue_(std::move(writeQueue)) {}
 
 std::shared_ptr<DispatchQueue> FileServer::sharedWriteQueue(Dispatcher& dispatcher) {
-  static const auto queue =
-      dispatcher.makeSerialQueue(std::string(kWriteQueueLabel), QualityOfService::utility);
-  return queue;
+  return dispatcher.sharedSerialQueue(kWriteQueueLabel, QualityOfService::utility);
 }
 
 std::optional<fs::path> FileServer::directoryURL(bool bulk) const {

@@ -43,7 +43,7 @@ class FileServer {
   // `writeQueue` must be a serial queue; normally the process-wide one of sharedWriteQueue().
   FileServer(std::shared_ptr<FileSystem> files, std::shared_ptr<DispatchQueue> writeQueue);
 
-  // The process-wide write queue, made on first use with the given dispatcher.
+  // The write queue of the dispatcher, made on first use; one per process in practice.
   static std::shared_ptr<DispatchQueue> sharedWriteQueue(Dispatcher& dispatcher);
 
   // Created, with its parents, every time it is asked for.

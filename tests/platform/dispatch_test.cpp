@@ -146,6 +146,17 @@ TEST(DispatchTest, SyncRunsOnTheQueueAndInlineFromItself) {
   EXPECT_EQ(steps.get(), (std::vector<std::string>{"a-inline", "b", "b-inline", "a-again"}));
 }
 
+TEST(DispatchTest, SharedQueuesAreOnePerLabelAndDispatcher) {
+  auto dispatcher = makeDispatcher(withThreads(1));
+  auto write = dispatcher->sharedSerialQueue("w", QualityOfService::utility);
+  EXPECT_EQ(dispatcher->sharedSerialQueue("w", QualityOfService::background), write);
+  EXPECT_EQ(write->qualityOfService(), QualityOfService::utility);
+  EXPECT_NE(dispatcher->sharedSerialQueue("other", QualityOfService::utility), write);
+  // Another dispatcher, another queue: work is never handed to a dispatcher that is gone.
+  auto second = makeDispatcher(withThreads(1));
+  EXPECT_NE(second->sharedSerialQueue("w", QualityOfService::utility), write);
+}
+
 TEST(DispatchTest, ExceptionInWorkIsLoggedAndTheQueueGoesOn) {
   LogCapture capture;
   auto dispatcher = makeDispatcher(withThreads(1));
