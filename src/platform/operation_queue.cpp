@@ -10,6 +10,9 @@ namespace kestrova {
 namespace {
 
 constexpr std::string_view kCategory = "dispatch";
+constexpr std::string_view kUncaught = "Uncaught exception in operation: %{public}@";
+constexpr std::string_view kAlreadyFinished =
+    "Operation added to queue %{public}@ has already finished; ignored";
 
 }  // namespace
 
@@ -30,9 +33,9 @@ void Operation::start() {
   try {
     main();
   } catch (const std::exception& error) {
-    logError(kCategory, "Uncaught exception in operation: %{public}@", {error.what()});
+    logError(kCategory, kUncaught, {error.what()});
   } catch (...) {
-    logError(kCategory, "Uncaught exception in operation: %{public}@", {"unknown exception"});
+    logError(kCategory, kUncaught, {"unknown exception"});
   }
   willChangeValueForKey(kIsExecutingKey);
   willChangeValueForKey(kIsFinishedKey);
@@ -108,8 +111,7 @@ void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
   }
   if (operation->isFinished()) {
     // Its start would announce nothing, so it would hold a slot for ever.
-    logError(kCategory, "Operation added to queue %{public}@ has already finished; ignored",
-             {name_});
+    logError(kCategory, kAlreadyFinished, {name_});
     return;
   }
   // Weak: an operation may outlive its queue (a network callback finishing it late).

@@ -20,6 +20,8 @@ namespace kestrova {
 namespace {
 
 constexpr std::string_view kCategory = "dispatch";
+constexpr std::string_view kUncaught = "Uncaught exception on queue %{public}@: %{public}@";
+constexpr std::string_view kDropped = "Dropped work for queue %{public}@: its dispatcher is gone";
 
 class DispatcherCore;
 
@@ -40,11 +42,9 @@ void runAs(const DispatchQueue& queue, const DispatcherCore* core,
   try {
     work();
   } catch (const std::exception& error) {
-    logError(kCategory, "Uncaught exception on queue %{public}@: %{public}@",
-             {queue.label(), error.what()});
+    logError(kCategory, kUncaught, {queue.label(), error.what()});
   } catch (...) {
-    logError(kCategory, "Uncaught exception on queue %{public}@: %{public}@",
-             {queue.label(), "unknown exception"});
+    logError(kCategory, kUncaught, {queue.label(), "unknown exception"});
   }
   tlsRunning = previous;
 }
@@ -197,9 +197,7 @@ class AsioQueue : public DispatchQueue, public std::enable_shared_from_this<Asio
   const std::shared_ptr<DispatcherCore> core_;
 
  private:
-  void logDropped() const {
-    logDebug(kCategory, "Dropped work for queue %{public}@: its dispatcher is gone", {label_});
-  }
+  void logDropped() const { logDebug(kCategory, kDropped, {label_}); }
 
   const std::string label_;
   const QualityOfService qos_;
