@@ -72,7 +72,11 @@ class URLSessionDataTask {
 };
 
 struct URLSessionConfiguration {
+  // Requests beyond this many to one scheme, host and port wait, in the order they were
+  // resumed, for a connection to come free; connections are kept alive and reused.
   int httpMaximumConnectionsPerHost = 1;
+  // Limit of one request from the moment it gets its connection (time spent waiting for one
+  // does not count) to the end of the response; reported as timedOut.
   std::chrono::milliseconds timeoutIntervalForRequest{60'000};
 };
 
@@ -80,6 +84,10 @@ class URLSession {
  public:
   virtual ~URLSession() = default;
 
+  // A task that sends `request` once resumed. `completion` runs exactly once, on the session's
+  // thread: (body, response, nothing) for every HTTP status, or (nothing, nothing, error) in
+  // kURLErrorDomain. Only http and https URLs are sent (others: unsupportedURL); a header field
+  // with a line break or a bad name is refused (badURL); redirects are reported, not followed.
   virtual std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request,
                                                        DataTaskCompletion completion) = 0;
   // Completes every task not yet completed with a "cancelled" error and accepts no more.
@@ -87,7 +95,8 @@ class URLSession {
 };
 
 // The Linux session on libcurl: one thread per session running a multi handle, HTTP/1.1
-// keep-alive, TLS peer and host verification always on.
+// keep-alive, TLS peer and host verification always on. Null (and logged) only when curl
+// cannot be initialised.
 std::shared_ptr<URLSession> makeURLSession(URLSessionConfiguration configuration = {});
 
 }  // namespace kestrova

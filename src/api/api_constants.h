@@ -1,0 +1,13 @@
+// Texts and status codes shared by the files of the back-end client: its log category and the
+// HTTP statuses it acts on. Constants only.
+#pragma once
+
+#include <string_view>
+
+namespace kestrova {
+
+inline constexpr std::string_view kApiLogCategory = "api";
+inline constexpr int kHTTPStatusOK = 200;
+inline constexpr int kHTTPStatusForbidden = 403;
+
+}  // namespace kestrova

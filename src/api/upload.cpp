@@ -1,0 +1,73 @@
+#include "api/upload.h"
+
+#include "api/api.h"
+#include "api/api_constants.h"
+#include "api/request_builder.h"
+#include "platform/log.h"
+
+namespace kestrova {
+namespace {
+
+constexpr std::string_view kBulkIngestPath = "v1.3/ingest/bulk/";
+constexpr std::string_view kIngestPath = "v1.3/ingest/";
+constexpr std::string_view kUploaded = "File %{public}@ has been uploaded successfully";
+constexpr std::string_view kNotUploaded = "File %{public}@ has NOT been uploaded successfully";
+constexpr std::string_view kTokenGone =
+    "No token found anymore for profile %{public}@, going to delete file";
+constexpr std::string_view kUploadFailed = "Error executing upload request: %{public}@";
+
+}  // namespace
+
+URLRequestInfo uploadRequestInfo(const FileNameComponents& fileName, bool bulk) {
+  URLRequestInfo info;
+  info.path = std::string(bulk ? kBulkIngestPath : kIngestPath);
+  info.httpMethod = HttpMethod::POST;
+  info.extraHeaders = HTTPHeaders{{std::string(kSourceHeader), std::string(kSourceValue)},
+                                  {std::string(kVersionHeader), std::string(versionText())}};
+  info.fileName = fileName;
+  if (bulk) {
+    info.bulk = true;
+  }
+  return info;
+}
+
+void handleUploadOutcome(FileServer& fileServer, const FileNameComponents& fileName, bool bulk,
+                         const std::optional<HTTPURLResponse>& response,
+                         const std::optional<Error>& error) {
+  if (!error) {
+    if (response && response->statusCode != kHTTPStatusOK) {
+      logInfo(kApiLogCategory, kNotUploaded, {fileName.fileName()});
+      return;
+    }
+    logInfo(kApiLogCategory, kUploaded, {fileName.fileName()});
+    fileServer.remove(fileName, bulk);
+    return;
+  }
+  // The profile was disconnected: its data is dropped rather than kept for ever.
+  if (isNoTokenAvailableFor(*error, fileName.profileId)) {
+    logError(kApiLogCategory, kTokenGone, {fileName.profileId});
+    fileServer.remove(fileName, bulk);
+    return;
+  }
+  logError(kApiLogCategory, kUploadFailed, {error->text()});
+}
+
+void API::upload(FileNameComponents fileName, bool bulk) const {
+  auto info = uploadRequestInfo(fileName, bulk);
+  enqueue(std::move(info), [fileServer = fileServer_, fileName = std::move(fileName), bulk](
+                               std::optional<Bytes>, std::optional<HTTPURLResponse> response,
+                               std::optional<Error> error) mutable {
+    handleUploadOutcome(fileServer, fileName, bulk, response, error);
+  });
+}
+
+void API::uploadPending() const {
+  for (auto& fileName : fileServer_.list(false)) {
+    upload(std::move(fileName), false);
+  }
+  for (auto& fileName : fileServer_.list(true)) {
+    upload(std::move(fileName), true);
+  }
+}
+
+}  // namespace kestrova

@@ -1,0 +1,99 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "api/base_operation.h"
+#include "support/test_support.h"
+
+namespace kestrova {
+namespace {
+
+using Announcement = std::pair<std::string, Operation::ChangePhase>;
+constexpr auto kWill = Operation::ChangePhase::will;
+constexpr auto kDid = Operation::ChangePhase::did;
+
+// An operation whose main finishes it only when asked to, or throws; it records what it
+// announces (start runs on the test's thread here, so no lock is needed).
+class ManualOperation : public BaseOperation {
+ public:
+  enum class Main { leaveRunning, finish, raise };
+  explicit ManualOperation(Main behaviour) : behaviour_(behaviour) {
+    addObserver([this](Operation&, std::string_view key, ChangePhase phase) {
+      seen.emplace_back(std::string(key), phase);
+    });
+  }
+  void finish() {
+    setExecuting(false);
+    setFinished(true);
+  }
+  void finishAgain() { setFinished(true); }
+
+  std::vector<Announcement> seen;
+  int mainRuns = 0;
+
+ protected:
+  void main() override {
+    ++mainRuns;
+    if (behaviour_ == Main::finish) {
+      finish();
+    } else if (behaviour_ == Main::raise) {
+      throw std::runtime_error("boom");
+    }
+  }
+
+ private:
+  const Main behaviour_;
+};
+
+const std::vector<Announcement> kStarted = {{"isExecuting", kWill}, {"isExecuting", kDid}};
+const std::vector<Announcement> kStartedAndFinished = {
+    {"isExecuting", kWill}, {"isExecuting", kDid}, {"isExecuting", kWill},
+    {"isExecuting", kDid},  {"isFinished", kWill}, {"isFinished", kDid}};
+
+TEST(BaseOperation, AnnouncesEachRealChangeOfStateOnce) {
+  auto operation = std::make_shared<ManualOperation>(ManualOperation::Main::leaveRunning);
+  EXPECT_TRUE(operation->isAsynchronous());
+  operation->start();
+  EXPECT_TRUE(operation->isExecuting());
+  EXPECT_FALSE(operation->isFinished());
+  EXPECT_EQ(operation->seen, kStarted);
+
+  operation->finish();
+  // The value it already has announces nothing, and a finished operation does not run again.
+  operation->finishAgain();
+  operation->start();
+  EXPECT_FALSE(operation->isExecuting());
+  EXPECT_TRUE(operation->isFinished());
+  EXPECT_EQ(operation->seen, kStartedAndFinished);
+  EXPECT_EQ(operation->mainRuns, 1);
+}
+
+TEST(BaseOperation, StartDependsOnCancellationAndState) {
+  // Cancelled and never started: not run, and not reported finished by its own start.
+  auto neverStarted = std::make_shared<ManualOperation>(ManualOperation::Main::finish);
+  neverStarted->cancel();
+  neverStarted->start();
+  EXPECT_EQ(neverStarted->mainRuns, 0);
+  EXPECT_FALSE(neverStarted->isExecuting() || neverStarted->isFinished());
+  EXPECT_TRUE(neverStarted->seen.empty());
+
+  // Cancelled while executing: the next start finishes it without running main again.
+  auto running = std::make_shared<ManualOperation>(ManualOperation::Main::leaveRunning);
+  running->start();
+  running->cancel();
+  running->start();
+  EXPECT_EQ(running->mainRuns, 1);
+  EXPECT_EQ(running->seen, kStartedAndFinished);
+}
+
+TEST(BaseOperation, MainThatThrowsIsLoggedAndFinishes) {
+  auto log = testing::CapturedLog::install();
+  auto operation = std::make_shared<ManualOperation>(ManualOperation::Main::raise);
+  operation->start();
+  EXPECT_EQ(operation->seen, kStartedAndFinished);
+  EXPECT_TRUE(log->contains("boom"));
+  log->uninstall();
+}
+
+}  // namespace
+}  // namespace kestrova
