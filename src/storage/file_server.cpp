@@ -131,23 +131,24 @@ void FileServer::write(Bytes data, FileNameComponents components, bool bulk,
 }
 
 void FileServer::writeWithRetry(Bytes data, FileNameComponents components, bool bulk, int attempt,
-                                std::function<void(const FileNameComponents&)> written) {
+                                WriteCompletion done) {
   // The retry needs the bytes again, so the write gets a copy.
   auto copy = data;
   write(std::move(copy), components, bulk,
         [self = FileServer(files_, writeQueue_), data = std::move(data), components, bulk, attempt,
-         written = std::move(written)](std::optional<FileNameComponents> result) mutable {
+         done = std::move(done)](std::optional<FileNameComponents> result) mutable {
           if (result) {
-            written(*result);
+            done(std::move(result));
             return;
           }
           if (attempt + 1 > kMaximumWriteAttempts) {
             logError(kCategory, kWriteDropped,
                      {components.fileName(), std::to_string(kMaximumWriteAttempts)});
+            done(std::nullopt);
             return;
           }
           self.writeWithRetry(std::move(data), std::move(components), bulk, attempt + 1,
-                              std::move(written));
+                              std::move(done));
         });
 }
 

@@ -54,10 +54,11 @@ class FileServer {
   // Writes the whole file on the write queue; the completion runs there, with the components
   // on success and none on failure.
   void write(Bytes data, FileNameComponents components, bool bulk, WriteCompletion completion);
-  // Writes, and tries again up to three attempts in all; `written` runs (on the write queue)
-  // once the file is complete. Past the last attempt the payload is dropped with an error line.
+  // Writes, and tries again up to three attempts in all; `done` runs once on the write queue,
+  // with the components when the file is complete, or with none when the last attempt failed
+  // and the payload is dropped (with an error line).
   void writeWithRetry(Bytes data, FileNameComponents components, bool bulk, int attempt,
-                      std::function<void(const FileNameComponents&)> written);
+                      WriteCompletion done);
   // The file's bytes when they are JSON; a file that is not JSON is deleted.
   std::optional<Bytes> read(const FileNameComponents& components, bool bulk);
   void remove(const FileNameComponents& components, bool bulk);
