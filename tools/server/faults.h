@@ -1,0 +1,63 @@
+// Fault injection of the reference back end: what the server does to an API request instead
+// of (or before) answering it. A FaultPlan is a plain value; the server's copy is owned by the
+// server's fault mutex.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/result.h"
+
+namespace kestrova::server {
+
+struct Fault {
+  enum class Kind { pass, status, delay, drop };
+  Kind kind = Kind::pass;
+  int status = 0;                      // for Kind::status: the code answered, nothing stored
+  std::chrono::milliseconds delay{0};  // for Kind::delay: wait, then answer as usual
+
+  // "pass", a status code such as "503", "delay:1500" (milliseconds) or "drop".
+  static Result<Fault> parse(std::string_view text);
+  std::string text() const;
+  bool operator==(const Fault&) const = default;
+};
+
+// A script of faults applied to the next API requests, one each, in order; once it is used up,
+// each request meets `rateFault` with probability `rate` (the draws come from `seed`, so a run
+// can be repeated).
+struct FaultPlan {
+  std::deque<Fault> script;
+  double rate = 0.0;
+  Fault rateFault{Fault::Kind::status, 500, {}};
+  std::uint64_t seed = 1;
+
+  // A comma-separated script, e.g. "500,drop,delay:1500,pass".
+  static Result<std::deque<Fault>> parseScript(std::string_view text);
+  // {"script": ["503", "drop"] or "503,drop", "rate": 0.1, "rate_fault": "503", "seed": 7};
+  // every member is optional.
+  static Result<FaultPlan> fromJson(const nlohmann::json& json);
+  nlohmann::json toJson() const;
+};
+
+// The plan in force and its random source. Not thread-safe: the server guards it with a mutex.
+class FaultInjector {
+ public:
+  explicit FaultInjector(FaultPlan plan = {}) { reset(std::move(plan)); }
+  void reset(FaultPlan plan);
+  const FaultPlan& plan() const { return plan_; }
+  // The fault for the next API request.
+  Fault next();
+
+ private:
+  FaultPlan plan_;
+  std::mt19937_64 random_;
+};
+
+}  // namespace kestrova::server
