@@ -19,6 +19,8 @@
 
 namespace kestrova {
 
+class HealthStore;
+
 // The phone system version whose behaviour the library follows (some data types exist only
 // from a given version on). The default is the newest behaviour.
 struct SystemVersion {
@@ -41,6 +43,9 @@ struct Platform {
   std::shared_ptr<DefaultsStore> defaults;
   std::shared_ptr<SecureStore> secureStore;
   std::shared_ptr<FileSystem> files;
+  // The health store to read; none lets the library open its embedded store in the data
+  // directory.
+  std::shared_ptr<HealthStore> healthStore;
 };
 
 // What a host may choose; everything left out gets the Linux default.
@@ -54,6 +59,7 @@ struct PlatformOptions {
   std::shared_ptr<Clock> clock;
   std::shared_ptr<TimeZoneSource> timeZone;
   std::optional<MainExecutor> mainExecutor;
+  std::shared_ptr<HealthStore> healthStore;
 };
 
 inline constexpr std::string_view kDefaultApplicationIdentifier = "default";

@@ -57,6 +57,7 @@ Result<std::shared_ptr<const Platform>> makeLinuxPlatform(PlatformOptions option
   dispatcherOptions.mainExecutor = options.mainExecutor;
   platform->dispatcher = makeDispatcher(std::move(dispatcherOptions));
   platform->files = makeLocalFileSystem(platform->dataDirectory);
+  platform->healthStore = std::move(options.healthStore);
 
   auto defaults = openSqliteDefaultsStore(platform->dataDirectory / kDefaultsFile);
   if (!defaults) {

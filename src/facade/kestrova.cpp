@@ -1,0 +1,541 @@
+#include <atomic>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "api/api.h"
+#include "api/profile_request.h"
+#include "facade/kestrova_testing.h"
+#include "healthkit/health_kit_types.h"
+#include "healthkit/sample_collector.h"
+#include "healthstore/embedded_health_store.h"
+#include "kestrova/facade.h"
+#include "platform/log.h"
+#include "platform/platform.h"
+#include "platform/url_components.h"
+#include "statistics/data_manager.h"
+#include "storage/anchor_store.h"
+#include "storage/profile_store.h"
+#include "storage/token_store.h"
+
+namespace kestrova {
+namespace {
+
+constexpr std::string_view kCategory = "kestrova";
+constexpr std::string_view kHealthStoreFile = "healthstore.sqlite";
+constexpr std::string_view kHealthKitNotAvailable = "HealthKit is not available";
+constexpr std::string_view kStoreNotOpened = "The health store could not be opened: %{public}@";
+constexpr std::string_view kAlreadyConnected = "Profile %{public}@ has already been connected";
+constexpr std::string_view kProfileDisconnected = "Profile %{public}@ has been disconnected";
+constexpr std::string_view kDisableFailedWithError =
+    "Could not disable background delivery, error: %{public}@";
+constexpr std::string_view kDisableFailed = "Could not disable background delivery";
+constexpr std::string_view kUnexpectedFailure = "Unexpected failure in %{public}@: %{public}@";
+constexpr std::string_view kCompletionThrew = "A completion of %{public}@ threw: %{public}@";
+
+using Completion = Kestrova::Completion;
+using Error = KestrovaHealthKitError;
+
+// The text the platform gives for an optional error: "nil", or the error's debug form.
+std::string optionalErrorDescription(const std::optional<kestrova::Error>& error) {
+  if (!error) {
+    return "nil";
+  }
+  return "Optional(Error Domain=" + error->domain + " Code=" + std::to_string(error->code) + " \"" +
+         error->description + "\")";
+}
+
+// The shared instance: the facade's long-lived collaborators. `mutex` owns the configuration
+// fields; everything else is set at construction and immutable.
+class Instance : public std::enable_shared_from_this<Instance> {
+ public:
+  explicit Instance(std::shared_ptr<const Platform> platform)
+      : platform(std::move(platform)),
+        anchors(std::make_shared<AnchorStore>(this->platform->defaults)),
+        tokens(std::make_shared<TokenStore>(this->platform->secureStore,
+                                            this->platform->applicationIdentifier)),
+        profiles(this->platform->defaults),
+        healthKitDataStore(openHealthStore(*this->platform)) {
+    if (!healthKitDataStore) {
+      logInfo(kCategory, kHealthKitNotAvailable);
+    }
+  }
+
+  // Made after construction: the collector holds the instance weakly.
+  void makeCollector() {
+    if (!healthKitDataStore) {
+      return;
+    }
+    SampleCollector::Environment environment;
+    environment.store = healthKitDataStore;
+    environment.anchors = anchors;
+    environment.clock = platform->clock;
+    environment.system = platform->systemVersion;
+    environment.encodingQueue = mainQueue();
+    environment.settings = [weak = weak_from_this()]() -> std::optional<SampleCollector::Settings> {
+      auto self = weak.lock();
+      return self ? self->collectionSettings() : std::nullopt;
+    };
+    collector = SampleCollector::make(std::move(environment));
+  }
+
+  std::shared_ptr<DispatchQueue> mainQueue() const { return platform->dispatcher->mainQueue(); }
+
+  std::optional<SampleCollector::Settings> collectionSettings() const {
+    std::lock_guard lock(mutex);
+    if (!token || !token->profileId || !startDate || !api) {
+      return std::nullopt;
+    }
+    SampleCollector::Settings settings{*startDate, *token->profileId, {}, *api};
+    for (auto type : enabledDatatypes) {
+      if (auto object = objectType(type, platform->systemVersion)) {
+        settings.enabledTypes.emplace(object->identifier());
+      }
+    }
+    return settings;
+  }
+
+  const std::shared_ptr<const Platform> platform;
+  const std::shared_ptr<AnchorStore> anchors;
+  const std::shared_ptr<TokenStore> tokens;
+  ProfileStore profiles;
+  const std::shared_ptr<HealthStore> healthKitDataStore;
+  std::shared_ptr<SampleCollector> collector;  // set once, right after construction
+
+  mutable std::mutex mutex;  // owns the fields below
+  std::optional<Token> token;
+  std::optional<Date> startDate;
+  std::vector<KestrovaHealthKitDataType> enabledDatatypes;
+  std::shared_ptr<DataManager> dataManager;
+  std::shared_ptr<const API> api;
+
+ private:
+  static std::shared_ptr<HealthStore> openHealthStore(const Platform& platform) {
+    if (platform.healthStore) {
+      return platform.healthStore;
+    }
+    EmbeddedHealthStoreOptions options;
+    options.path = platform.dataDirectory / kHealthStoreFile;
+    options.dispatcher = platform.dispatcher;
+    options.clock = platform.clock;
+    options.timeZone = platform.timeZone;
+    auto store = EmbeddedHealthStore::open(std::move(options));
+    if (!store) {
+      logError(kCategory, kStoreNotOpened, {store.error().text()});
+      return nullptr;
+    }
+    return std::move(store).value();
+  }
+};
+
+struct SharedInstance {
+  std::mutex mutex;  // owns everything below
+  std::shared_ptr<Instance> instance;
+  bool attempted = false;
+  // Instances replaced by a test's restart; kept so that late callbacks find them alive.
+  std::vector<std::shared_ptr<Instance>> retired;
+};
+
+// Never destroyed, so a host's exit order cannot hurt it.
+SharedInstance& sharedState() {
+  static auto* state = new SharedInstance();
+  return *state;
+}
+
+std::shared_ptr<Instance> shared() {
+  auto& state = sharedState();
+  std::lock_guard lock(state.mutex);
+  if (!state.attempted) {
+    state.attempted = true;
+    if (auto platform = currentPlatform()) {
+      state.instance = std::make_shared<Instance>(std::move(platform));
+      state.instance->makeCollector();
+    }
+  }
+  return state.instance;
+}
+
+// Calls a host completion at most once, whatever path reaches it, and keeps its exceptions
+// from unwinding into the library's queues.
+class OnceCompletion {
+ public:
+  OnceCompletion(std::string_view operation, Completion completion)
+      : operation_(operation), state_(std::make_shared<State>(std::move(completion))) {}
+
+  void operator()(bool success, std::optional<Error> error) const {
+    if (state_->called.exchange(true) || !state_->completion) {
+      return;
+    }
+    try {
+      state_->completion(success, std::move(error));
+    } catch (const std::exception& e) {
+      logError(kCategory, kCompletionThrew, {operation_, e.what()});
+    } catch (...) {
+      logError(kCategory, kCompletionThrew, {operation_, "unknown exception"});
+    }
+  }
+
+ private:
+  struct State {
+    explicit State(Completion c) : completion(std::move(c)) {}
+    Completion completion;
+    std::atomic<bool> called{false};
+  };
+  std::string_view operation_;
+  std::shared_ptr<State> state_;
+};
+
+// Delivers on the main queue; without an instance there is no main queue, so the caller's
+// thread it is.
+void complete(const std::shared_ptr<Instance>& instance, const OnceCompletion& completion,
+              bool success, std::optional<Error> error) {
+  if (!instance) {
+    completion(success, std::move(error));
+    return;
+  }
+  instance->mainQueue()->async(
+      [completion, success, error = std::move(error)]() mutable { completion(success, error); });
+}
+
+void fail(const std::shared_ptr<Instance>& instance, const OnceCompletion& completion,
+          Error error) {
+  complete(instance, completion, false, std::move(error));
+}
+
+// Runs `body`; anything it throws is logged and reported as the bridge failing.
+template <class Body>
+void guarded(std::string_view operation, const OnceCompletion& completion, Body body) noexcept {
+  try {
+    body();
+  } catch (const std::exception& e) {
+    logError(kCategory, kUnexpectedFailure, {operation, e.what()});
+    completion(false, Error::bridgeCouldNotBeSetUp());
+  } catch (...) {
+    logError(kCategory, kUnexpectedFailure, {operation, "unknown exception"});
+    completion(false, Error::bridgeCouldNotBeSetUp());
+  }
+}
+
+// The profile request; `completion` runs on the main queue.
+void validateProfile(const std::shared_ptr<Instance>& instance, const std::string& profileId,
+                     std::function<void(bool, std::optional<Error>)> completion) {
+  std::shared_ptr<const API> api;
+  {
+    std::lock_guard lock(instance->mutex);
+    api = instance->api;
+  }
+  requestProfile(api.get(), profileId,
+                 [main = instance->mainQueue(), completion = std::move(completion)](
+                     bool success, std::optional<Error> error) {
+                   main->async([completion, success, error = std::move(error)] {
+                     completion(success, error);
+                   });
+                 });
+}
+
+void startCollection(const std::shared_ptr<Instance>& instance) {
+  if (instance->collector) {
+    instance->collector->startObserving();
+  }
+}
+
+void disconnectInstance(const std::shared_ptr<Instance>& instance) {
+  std::shared_ptr<DataManager> dataManager;
+  {
+    std::lock_guard lock(instance->mutex);
+    dataManager = instance->dataManager;
+  }
+  if (!instance->healthKitDataStore || !dataManager) {
+    return;
+  }
+  instance->collector->stopObserving();
+  instance->healthKitDataStore->disableAllBackgroundDelivery(
+      [](bool success, const std::optional<kestrova::Error>& error) {
+        if (success) {
+          return;
+        }
+        if (error) {
+          logError(kCategory, kDisableFailedWithError, {error->text()});
+        } else {
+          logError(kCategory, kDisableFailed);
+        }
+      });
+  if (auto profile = instance->profiles.storedProfile()) {
+    logInfo(kCategory, kProfileDisconnected, {profile->id});
+  }
+  instance->profiles.remove();
+
+  std::vector<ObjectType> anchored = {ObjectType::workoutType()};
+  for (auto identifier : {kSleepAnalysisIdentifier, kMindfulSessionIdentifier}) {
+    if (auto type = ObjectType::categoryType(identifier)) {
+      anchored.push_back(*type);
+    }
+  }
+  if (instance->platform->systemVersion.isAtLeast(kElectrocardiogramSystemMajor)) {
+    anchored.push_back(ObjectType::electrocardiogramType());
+  }
+  for (const auto& type : readTypes(instance->platform->systemVersion)) {
+    if (type.kind() == ObjectKind::quantity) {
+      anchored.push_back(type);
+    }
+  }
+  for (const auto& type : anchored) {
+    instance->anchors->deleteAnchor(type.identifier());
+  }
+}
+
+void configureInstance(const std::shared_ptr<Instance>& instance, const KestrovaConfig& config,
+                       const OnceCompletion& completion) {
+  auto profileId = instance->tokens->takeToken(config.token());
+  if (!profileId) {
+    fail(instance, completion, Error::invalidToken(config.token()));
+    return;
+  }
+  {
+    std::lock_guard lock(instance->mutex);
+    instance->token = Token{true, *profileId};
+  }
+  const auto components = URLComponents::parse(config.url());
+  if (!components || !components->url()) {
+    fail(instance, completion, Error::apiURLNotValid());
+    return;
+  }
+  const auto host = components->host();
+  if (!host || host->empty()) {
+    fail(instance, completion, Error::invalidHost());
+    return;
+  }
+  if (!components->scheme()) {
+    fail(instance, completion, Error::invalidScheme());
+    return;
+  }
+  auto api = std::make_shared<const API>(*components, *instance->platform);
+  auto dataManager = std::make_shared<DataManager>(*api);
+  {
+    std::lock_guard lock(instance->mutex);
+    instance->startDate = config.startDate();
+    instance->enabledDatatypes = config.enabledDataTypes();
+    instance->api = std::move(api);
+    instance->dataManager = std::move(dataManager);
+  }
+  if (auto profile = instance->profiles.storedProfile()) {
+    validateProfile(instance, profile->id,
+                    [weak = std::weak_ptr<Instance>(instance)](bool success, std::optional<Error>) {
+                      auto self = weak.lock();
+                      if (success && self) {
+                        startCollection(self);
+                      }
+                    });
+  }
+  complete(instance, completion, true, std::nullopt);
+}
+
+// After the back end accepted the profile, on the main queue.
+void authorizeAndStart(const std::shared_ptr<Instance>& instance, const std::string& profileId,
+                       const OnceCompletion& completion) {
+  const auto store = instance->healthKitDataStore;
+  if (!store) {
+    completion(false, Error::HealthKitStoreNotAvailable());
+    return;
+  }
+  std::set<ObjectType> readSet;
+  {
+    std::lock_guard lock(instance->mutex);
+    for (auto type : instance->enabledDatatypes) {
+      if (auto object = objectType(type, instance->platform->systemVersion)) {
+        readSet.insert(*object);
+      }
+    }
+  }
+  store->requestAuthorization(
+      {}, std::move(readSet),
+      [weak = std::weak_ptr<Instance>(instance), main = instance->mainQueue(), profileId,
+       completion](bool success, std::optional<kestrova::Error> error) {
+        main->async([weak, profileId, completion, success, error = std::move(error)] {
+          guarded("connect", completion, [&] {
+            if (!success) {
+              completion(false, Error::authorizationNotGranted(optionalErrorDescription(error)));
+              return;
+            }
+            auto self = weak.lock();
+            if (!self || !self->healthKitDataStore) {
+              completion(false, Error::couldNotStartHealthKitQuery());
+              return;
+            }
+            if (auto stored = self->profiles.storedProfile(); stored && stored->id != profileId) {
+              disconnectInstance(self);
+            }
+            self->profiles.store(Profile{profileId});
+            startCollection(self);
+            completion(true, std::nullopt);
+          });
+        });
+      });
+}
+
+void connectInstance(const std::shared_ptr<Instance>& instance, const OnceCompletion& completion) {
+  std::optional<std::string> profileId;
+  {
+    std::lock_guard lock(instance->mutex);
+    if (instance->token) {
+      profileId = instance->token->profileId;
+    }
+  }
+  if (!profileId) {
+    fail(instance, completion, Error::noProfileIdProvided());
+    return;
+  }
+  if (auto stored = instance->profiles.storedProfile(); stored && stored->id == *profileId) {
+    logInfo(kCategory, kAlreadyConnected, {*profileId});
+    validateProfile(instance, *profileId, [completion](bool success, std::optional<Error> error) {
+      completion(success, std::move(error));
+    });
+    return;
+  }
+  validateProfile(instance, *profileId,
+                  [weak = std::weak_ptr<Instance>(instance), profileId = *profileId, completion](
+                      bool success, std::optional<Error> error) {
+                    if (!success) {
+                      completion(false, std::move(error));
+                      return;
+                    }
+                    auto self = weak.lock();
+                    if (!self) {
+                      completion(false, Error::bridgeCouldNotBeSetUp());
+                      return;
+                    }
+                    guarded("connect", completion,
+                            [&] { authorizeAndStart(self, profileId, completion); });
+                  });
+}
+
+Kestrova::GenericCompletion::result_type forwardGeneric(const Kestrova::GenericCompletion& generic,
+                                                        bool success,
+                                                        const std::optional<Error>& error) {
+  if (!generic) {
+    return;
+  }
+  std::optional<GenericError> bridged;
+  if (error) {
+    bridged = error->genericError();
+  }
+  generic(success, std::move(bridged));
+}
+
+}  // namespace
+
+void resetSharedInstanceForTesting() {
+  auto& state = sharedState();
+  std::lock_guard lock(state.mutex);
+  if (state.instance) {
+    state.retired.push_back(std::move(state.instance));
+  }
+  state.instance = nullptr;
+  state.attempted = false;
+}
+
+}  // namespace kestrova
+
+using kestrova::OnceCompletion;
+
+std::optional<Kestrova::StatusCode> Kestrova::statusCodeFromRawValue(int rawValue) noexcept {
+  if (rawValue < 0 || rawValue > 2) {
+    return std::nullopt;
+  }
+  return static_cast<StatusCode>(rawValue);
+}
+
+void Kestrova::configure(const KestrovaConfig& config, Completion completion) noexcept {
+  const OnceCompletion once("configure", std::move(completion));
+  kestrova::guarded("configure", once, [&] {
+    auto instance = kestrova::shared();
+    if (!instance) {
+      kestrova::fail(instance, once, KestrovaHealthKitError::bridgeCouldNotBeSetUp());
+      return;
+    }
+    kestrova::configureInstance(instance, config, once);
+  });
+}
+
+void Kestrova::_configure(const KestrovaConfig& config, GenericCompletion completion) noexcept {
+  configure(config, [completion = std::move(completion)](
+                        bool success, std::optional<KestrovaHealthKitError> error) {
+    kestrova::forwardGeneric(completion, success, error);
+  });
+}
+
+Kestrova::Status Kestrova::currentStatus() noexcept {
+  try {
+    auto instance = kestrova::shared();
+    if (!instance) {
+      return Status{Status::Case::notConfigured, std::nullopt};
+    }
+    if (auto profile = instance->profiles.storedProfile()) {
+      return Status{Status::Case::connected, profile->id};
+    }
+    return Status{Status::Case::disconnected, std::nullopt};
+  } catch (const std::exception& e) {
+    kestrova::logError(kestrova::kCategory, kestrova::kUnexpectedFailure,
+                       {"currentStatus", e.what()});
+    return Status{Status::Case::notConfigured, std::nullopt};
+  }
+}
+
+Kestrova::StatusCode Kestrova::_currentStatus() noexcept {
+  switch (currentStatus().value) {
+    case Status::Case::connected:
+      return StatusCode::connected;
+    case Status::Case::disconnected:
+      return StatusCode::disconnected;
+    case Status::Case::notConfigured:
+      return StatusCode::notConfigured;
+  }
+  return StatusCode::notConfigured;
+}
+
+std::optional<std::string> Kestrova::connectedProfileId() noexcept {
+  return currentStatus().profileId;
+}
+
+bool Kestrova::canConnectToHealthData() noexcept {
+  try {
+    auto instance = kestrova::shared();
+    return instance && instance->healthKitDataStore &&
+           instance->healthKitDataStore->isHealthDataAvailable();
+  } catch (const std::exception& e) {
+    kestrova::logError(kestrova::kCategory, kestrova::kUnexpectedFailure,
+                       {"canConnectToHealthData", e.what()});
+    return false;
+  }
+}
+
+void Kestrova::connect(Completion completion) noexcept {
+  const OnceCompletion once("connect", std::move(completion));
+  kestrova::guarded("connect", once, [&] {
+    auto instance = kestrova::shared();
+    if (!instance) {
+      kestrova::fail(instance, once, KestrovaHealthKitError::bridgeCouldNotBeSetUp());
+      return;
+    }
+    kestrova::connectInstance(instance, once);
+  });
+}
+
+void Kestrova::_connect(GenericCompletion completion) noexcept {
+  connect([completion = std::move(completion)](bool success,
+                                               std::optional<KestrovaHealthKitError> error) {
+    kestrova::forwardGeneric(completion, success, error);
+  });
+}
+
+void Kestrova::disconnect() noexcept {
+  try {
+    if (auto instance = kestrova::shared()) {
+      kestrova::disconnectInstance(instance);
+    }
+  } catch (const std::exception& e) {
+    kestrova::logError(kestrova::kCategory, kestrova::kUnexpectedFailure, {"disconnect", e.what()});
+  }
+}

@@ -1,0 +1,290 @@
+#include "healthkit/sample_collector.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "datapoints/body_measurement.h"
+#include "datapoints/category_sample.h"
+#include "datapoints/electrocardiogram.h"
+#include "datapoints/sleep.h"
+#include "datapoints/workout.h"
+#include "healthkit/health_kit_types.h"
+#include "platform/health/predicate.h"
+#include "platform/log.h"
+
+namespace kestrova {
+namespace {
+
+constexpr std::string_view kCategory = "healthkit";
+constexpr std::string_view kUnknownType = "UNKNOWN";
+constexpr std::string_view kQueryError = "Error querying samples for %@: %@";
+constexpr std::string_view kNoSamples = "No samples found for %@";
+constexpr std::string_view kEnableFailedWithError =
+    "Could not enable background delivery for %{public}@ with error: %@";
+constexpr std::string_view kEnableFailed = "Could not enable background delivery for %{public}@";
+
+}  // namespace
+
+std::string_view filePrefix(SampleFamily family) {
+  switch (family) {
+    case SampleFamily::workouts:
+      return "workout-";
+    case SampleFamily::sleep:
+      return "sleep-";
+    case SampleFamily::mindfulSessions:
+      return "mindful-";
+    case SampleFamily::electrocardiograms:
+      return "ecg-";
+    case SampleFamily::bodyMeasurements:
+      return "body-";
+  }
+  return "";
+}
+
+std::shared_ptr<SampleCollector> SampleCollector::make(Environment environment) {
+  return std::shared_ptr<SampleCollector>(new SampleCollector(std::move(environment)));
+}
+
+std::vector<SampleCollector::Route> SampleCollector::routes() const {
+  std::vector<Route> routes = {{SampleFamily::workouts, ObjectType::workoutType()}};
+  if (auto sleep = ObjectType::categoryType(kSleepAnalysisIdentifier)) {
+    routes.push_back({SampleFamily::sleep, *sleep});
+  }
+  if (auto mindful = ObjectType::categoryType(kMindfulSessionIdentifier)) {
+    routes.push_back({SampleFamily::mindfulSessions, *mindful});
+  }
+  if (environment_.system.isAtLeast(kElectrocardiogramSystemMajor)) {
+    routes.push_back({SampleFamily::electrocardiograms, ObjectType::electrocardiogramType()});
+  }
+  for (const auto& type : bodyMeasurementTypes()) {
+    routes.push_back({SampleFamily::bodyMeasurements, type});
+  }
+  return routes;
+}
+
+std::optional<SampleCollector::Settings> SampleCollector::settingsFor(
+    const ObjectType& type) const {
+  auto settings = environment_.settings();
+  // Types the host did not enable are neither read nor observed: the embedded store grants
+  // every read, so this is what keeps them on the device.
+  if (!settings || !settings->enabledTypes.contains(type.identifier())) {
+    return std::nullopt;
+  }
+  return settings;
+}
+
+void SampleCollector::startObserving() {
+  stopObserving();
+  const auto all = routes();
+  for (const auto& route : all) {
+    fetchNewSamples(route.family, route.type);
+  }
+  for (const auto& route : all) {
+    observe(route);
+  }
+  enableBackgroundDelivery();
+}
+
+void SampleCollector::stopObserving() {
+  std::vector<std::shared_ptr<Query>> running;
+  {
+    std::lock_guard lock(mutex_);
+    running.swap(running_);
+  }
+  for (const auto& query : running) {
+    environment_.store->stopQuery(query);
+  }
+}
+
+std::size_t SampleCollector::runningQueryCount() const {
+  std::lock_guard lock(mutex_);
+  return running_.size();
+}
+
+void SampleCollector::execute(std::shared_ptr<Query> query) {
+  {
+    std::lock_guard lock(mutex_);
+    running_.push_back(query);
+  }
+  environment_.store->executeQuery(std::move(query));
+}
+
+void SampleCollector::forget(const Query& query) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(running_, [&](const auto& running) { return running.get() == &query; });
+}
+
+void SampleCollector::observe(const Route& route) {
+  const auto settings = settingsFor(route.type);
+  if (!settings) {
+    return;
+  }
+  auto predicate =
+      predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
+  execute(
+      ObserverQuery::make(route.type, std::move(predicate),
+                          [weak = weak_from_this(), route](
+                              const std::shared_ptr<ObserverQuery>&, const std::vector<ObjectType>&,
+                              ObserverCompletionHandler completion, const std::optional<Error>&) {
+                            if (auto self = weak.lock()) {
+                              self->fetchNewSamples(route.family, route.type);
+                            }
+                            // Acknowledged before the fetch has delivered: the fetch runs on its
+                            // own.
+                            completion();
+                          }));
+}
+
+void SampleCollector::enableBackgroundDelivery() {
+  for (const auto& type : readTypes(environment_.system)) {
+    environment_.store->enableBackgroundDelivery(
+        type, UpdateFrequency::immediate,
+        [identifier = std::string(type.identifier())](bool success,
+                                                      const std::optional<Error>& error) {
+          if (success) {
+            return;
+          }
+          if (error) {
+            logError(kCategory, kEnableFailedWithError, {identifier, error->text()});
+          } else {
+            logError(kCategory, kEnableFailed, {identifier});
+          }
+        });
+  }
+}
+
+void SampleCollector::fetchNewSamples(SampleFamily family, const ObjectType& type) {
+  auto settings = settingsFor(type);
+  if (!settings) {
+    return;
+  }
+  auto predicate =
+      predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
+  const auto anchor = environment_.anchors->storedAnchor(type.identifier());
+  execute(AnchoredObjectQuery::make(
+      type, std::move(predicate), anchor, kObjectQueryNoLimit,
+      [weak = weak_from_this(), family, type, settings = std::move(*settings)](
+          const std::shared_ptr<AnchoredObjectQuery>& query,
+          Result<AnchoredObjectResults> results) mutable {
+        auto self = weak.lock();
+        if (!self) {
+          return;
+        }
+        // A delivered anchored query is done; keeping it would grow the set with every wake-up.
+        self->forget(*query);
+        auto samples = checkResults(*query, results);
+        if (!results) {
+          return;
+        }
+        if (samples.empty()) {
+          self->environment_.anchors->storeAnchor(results->newAnchor, type.identifier());
+          return;
+        }
+        self->deliver(family, type, std::move(settings), std::move(samples), results->newAnchor);
+      }));
+}
+
+std::vector<SamplePtr> SampleCollector::checkResults(const Query& query,
+                                                     const Result<AnchoredObjectResults>& results) {
+  const std::string_view identifier =
+      query.objectType() ? query.objectType()->identifier() : kUnknownType;
+  if (!results) {
+    logError(kCategory, kQueryError, {identifier, results.error().description});
+    return {};
+  }
+  if (!results->samples.empty()) {
+    return results->samples;
+  }
+  logInfo(kCategory, kNoSamples, {identifier});
+  return {};
+}
+
+QueryRunner SampleCollector::queryRunner() {
+  return QueryRunner{[weak = weak_from_this()](std::shared_ptr<Query> query) {
+                       if (auto self = weak.lock()) {
+                         self->execute(std::move(query));
+                       }
+                     },
+                     [weak = weak_from_this()](const std::shared_ptr<Query>& query) {
+                       if (auto self = weak.lock()) {
+                         self->forget(*query);
+                       }
+                     }};
+}
+
+void SampleCollector::encode(SampleFamily family, std::vector<SamplePtr> samples,
+                             std::function<void(DataPoints)> done) {
+  switch (family) {
+    case SampleFamily::bodyMeasurements:
+      done(encodeBodyMeasurements(samples));
+      return;
+    case SampleFamily::mindfulSessions:
+      done(encodeMindfulSessions(samples));
+      return;
+    case SampleFamily::workouts:
+      collectWorkoutDetails(samples, queryRunner(), environment_.encodingQueue, std::move(done));
+      return;
+    case SampleFamily::sleep:
+      collectSleepEpisodes(samples, environment_.system, queryRunner(), environment_.encodingQueue,
+                           std::move(done));
+      return;
+    case SampleFamily::electrocardiograms:
+      collectElectrocardiograms(samples, queryRunner(), environment_.encodingQueue,
+                                std::move(done));
+      return;
+  }
+}
+
+void SampleCollector::deliver(SampleFamily family, const ObjectType& type, Settings settings,
+                              std::vector<SamplePtr> samples, QueryAnchor newAnchor) {
+  // The anchor moves only once the delivery is on disk (or proved unencodable, or its writes
+  // failed for good): a crash in between fetches the batch again instead of losing it.
+  encode(family, std::move(samples),
+         [weak = weak_from_this(), family, type, settings = std::move(settings),
+          newAnchor](DataPoints points) {
+           auto self = weak.lock();
+           if (!self) {
+             return;
+           }
+           auto anchors = self->environment_.anchors;
+           auto settle = [anchors, newAnchor, identifier = std::string(type.identifier())] {
+             anchors->storeAnchor(newAnchor, identifier);
+           };
+           if (points.empty()) {
+             settle();
+             return;
+           }
+           self->writeBatches(family, settings, std::move(points), std::move(settle));
+         });
+}
+
+void SampleCollector::writeBatches(SampleFamily family, const Settings& settings, DataPoints points,
+                                   std::function<void()> settled) {
+  const std::size_t files =
+      (points.size() + kMaximumDataPointsPerFile - 1) / kMaximumDataPointsPerFile;
+  auto remaining = std::make_shared<std::atomic<std::size_t>>(files);
+  auto fileServer = settings.api.fileServer();
+  for (std::size_t first = 0; first < points.size(); first += kMaximumDataPointsPerFile) {
+    const auto last = std::min(points.size(), first + kMaximumDataPointsPerFile);
+    nlohmann::json batch = nlohmann::json::array();
+    for (auto i = first; i < last; ++i) {
+      batch.push_back(std::move(points[i]));
+    }
+    // Text that is not UTF-8 (from a store value) is replaced rather than failing the batch.
+    const auto text = batch.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    auto components = fileServer.makeBatchComponents(filePrefix(family), settings.profileId,
+                                                     environment_.clock->now());
+    fileServer.writeWithRetry(
+        toBytes(text), std::move(components), true, 1,
+        [api = settings.api, remaining, settled](std::optional<FileNameComponents> written) {
+          if (written) {
+            api.upload(*written, true);
+          }
+          if (remaining->fetch_sub(1) == 1) {
+            settled();
+          }
+        });
+  }
+}
+
+}  // namespace kestrova

@@ -1,0 +1,101 @@
+// Sample collection: the observers that wake the library, background delivery, and the anchored
+// fetches that turn new samples into upload files. State owners: `mutex_` owns the running-query
+// set; everything else is immutable after construction. Handlers run on the health store's
+// queues; files are written on the file store's write queue and uploaded on the API queue.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "api/api.h"
+#include "datapoints/query_runner.h"
+#include "platform/clock.h"
+#include "platform/health/health_store.h"
+#include "platform/platform.h"
+#include "storage/anchor_store.h"
+
+namespace kestrova {
+
+// The families that are uploaded sample by sample, each with its file prefix.
+enum class SampleFamily { workouts, sleep, mindfulSessions, electrocardiograms, bodyMeasurements };
+
+std::string_view filePrefix(SampleFamily family);
+
+using DataPoints = std::vector<nlohmann::json>;
+
+class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
+ public:
+  // What collection needs from the current configuration; read at every fetch, so that a new
+  // configuration takes effect without restarting the observers.
+  struct Settings {
+    Date startDate;
+    std::string profileId;
+    // Identifiers of the types the host enabled; nothing else is read or observed.
+    std::set<std::string, std::less<>> enabledTypes;
+    API api;
+  };
+
+  struct Environment {
+    std::shared_ptr<HealthStore> store;
+    std::shared_ptr<AnchorStore> anchors;
+    std::shared_ptr<Clock> clock;
+    SystemVersion system;
+    std::function<std::optional<Settings>()> settings;
+    // Where the encoders that query further (workouts, sleep) complete.
+    std::shared_ptr<DispatchQueue> encodingQueue;
+  };
+
+  // At most this many data points go into one upload file.
+  static constexpr std::size_t kMaximumDataPointsPerFile = 5000;
+
+  static std::shared_ptr<SampleCollector> make(Environment environment);
+
+  // Stops what runs, fetches every family once, starts one observer per family and type, and
+  // enables immediate background delivery for every read type.
+  void startObserving();
+  // Stops every running query.
+  void stopObserving();
+  // One anchored fetch of a family's type from its stored anchor; returns at once.
+  void fetchNewSamples(SampleFamily family, const ObjectType& type);
+
+  std::size_t runningQueryCount() const;
+
+  // The common result check: the samples of a delivery, or none with a log line for an error
+  // or an empty delivery.
+  static std::vector<SamplePtr> checkResults(const Query& query,
+                                             const Result<AnchoredObjectResults>& results);
+
+ private:
+  explicit SampleCollector(Environment environment) : environment_(std::move(environment)) {}
+
+  struct Route {
+    SampleFamily family;
+    ObjectType type;
+  };
+  std::vector<Route> routes() const;
+  std::optional<Settings> settingsFor(const ObjectType& type) const;
+  void observe(const Route& route);
+  void enableBackgroundDelivery();
+  void execute(std::shared_ptr<Query> query);
+  void forget(const Query& query);
+  QueryRunner queryRunner();
+  void encode(SampleFamily family, std::vector<SamplePtr> samples,
+              std::function<void(DataPoints)> done);
+  void deliver(SampleFamily family, const ObjectType& type, Settings settings,
+               std::vector<SamplePtr> samples, QueryAnchor newAnchor);
+  void writeBatches(SampleFamily family, const Settings& settings, DataPoints points,
+                    std::function<void()> settled);
+
+  const Environment environment_;
+  mutable std::mutex mutex_;  // owns running_
+  std::vector<std::shared_ptr<Query>> running_;
+};
+
+}  // namespace kestrova
