@@ -335,6 +335,9 @@ Status KestrovaServer::Impl::start() {
     ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   });
   http_.set_keep_alive_max_count(10'000);
+  // A stop waits for every kept-alive connection to go idle; one second keeps that short
+  // while a client that uploads in bursts still reuses its connection.
+  http_.set_keep_alive_timeout(1);
   http_.set_payload_max_length(256u << 20);
 
   http_.Get(R"(/api/v1\.3/profile/(.+)/)",
