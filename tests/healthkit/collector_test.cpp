@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "healthkit/health_kit_types.h"
+#include "healthkit/sample_collector.h"
+#include "healthstore/embedded_health_store.h"
+#include "support/test_support.h"
+
+namespace kestrova {
+namespace {
+
+bool contains(const std::vector<ObjectType>& types, std::string_view identifier) {
+  return std::any_of(types.begin(), types.end(),
+                     [&](const ObjectType& type) { return type.identifier() == identifier; });
+}
+
+TEST(HealthKitTypes, SetsAndSystemVersions) {
+  EXPECT_EQ(dailySummaryTypes().size(), 10u);
+  EXPECT_EQ(dailyDetailTypes().size(), 8u);
+  EXPECT_FALSE(contains(dailyDetailTypes(), kHeartRateIdentifier));
+  EXPECT_EQ(bodyMeasurementTypes().size(), 11u);
+  EXPECT_EQ(bodyMeasurementTypes().front().identifier(), "HKQuantityTypeIdentifierBodyMassIndex");
+
+  const auto modern = readTypes(SystemVersion{14, 0});
+  EXPECT_EQ(modern.size(), 25u);  // workout, sleep, mindful, ECG and 21 quantity types
+  EXPECT_TRUE(contains(modern, kElectrocardiogramTypeIdentifier));
+  const auto older = readTypes(SystemVersion{13, 7});
+  EXPECT_EQ(older.size(), 24u);
+  EXPECT_FALSE(contains(older, kElectrocardiogramTypeIdentifier));
+
+  EXPECT_FALSE(objectType(KestrovaHealthKitDataType::electrocardiogram, {13, 7}));
+  EXPECT_EQ(objectType(KestrovaHealthKitDataType::electrocardiogram, {14, 0})->identifier(),
+            kElectrocardiogramTypeIdentifier);
+  EXPECT_EQ(objectType(KestrovaHealthKitDataType::vo2Max, {13, 7})->identifier(),
+            "HKQuantityTypeIdentifierVO2Max");
+  // Every data type of the public table has its type on a current system.
+  for (auto type : KestrovaHealthKitDataType::allCases()) {
+    EXPECT_TRUE(objectType(type, SystemVersion{})) << type.name();
+  }
+}
+
+class CollectorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    test_ = testing::makeTestPlatform(dir_.path());
+    EmbeddedHealthStoreOptions options;
+    options.path = dir_.path() / "healthstore.sqlite";
+    options.dispatcher = test_.platform->dispatcher;
+    store_ = EmbeddedHealthStore::open(std::move(options)).value();
+    // Uploads go nowhere: nothing here listens on port 9.
+    api_ = std::make_shared<API>(*URLComponents::parse("http://127.0.0.1:9/api/"), *test_.platform);
+  }
+  void TearDown() override { installPlatform(nullptr); }
+
+  std::shared_ptr<SampleCollector> collector(std::set<std::string, std::less<>> enabled,
+                                             SystemVersion system = {}, bool configured = true) {
+    SampleCollector::Environment environment;
+    environment.store = store_;
+    environment.anchors = std::make_shared<AnchorStore>(test_.platform->defaults);
+    environment.clock = test_.clock;
+    environment.system = system;
+    environment.encodingQueue = test_.platform->dispatcher->mainQueue();
+    environment.settings = [this, enabled,
+                            configured]() -> std::optional<SampleCollector::Settings> {
+      if (!configured) {
+        return std::nullopt;
+      }
+      return SampleCollector::Settings{testing::utc(2020, 1, 1), "p1", enabled, *api_};
+    };
+    return SampleCollector::make(std::move(environment));
+  }
+
+  // Anchored fetches leave the set once delivered; observers stay.
+  static std::size_t settledCount(const SampleCollector& collector, std::size_t expected) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (collector.runningQueryCount() != expected &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return collector.runningQueryCount();
+  }
+
+  testing::TempDir dir_;
+  testing::TestPlatform test_;
+  std::shared_ptr<EmbeddedHealthStore> store_;
+  std::shared_ptr<API> api_;
+};
+
+TEST_F(CollectorTest, ObservesEachEnabledTypeOnceHoweverOftenStarted) {
+  std::set<std::string, std::less<>> all;
+  for (const auto& type : readTypes(SystemVersion{})) {
+    all.emplace(type.identifier());
+  }
+  auto everything = collector(all);
+  everything->startObserving();
+  everything->startObserving();
+  // Workouts, sleep, mindful sessions, electrocardiograms and eleven body measurements.
+  EXPECT_EQ(settledCount(*everything, 15), 15u);
+  everything->stopObserving();
+  EXPECT_EQ(everything->runningQueryCount(), 0u);
+
+  // Before system 14 there is no electrocardiogram observer.
+  auto older = collector(all, SystemVersion{13, 0});
+  older->startObserving();
+  EXPECT_EQ(settledCount(*older, 14), 14u);
+  older->stopObserving();
+
+  // Only what the host enabled is observed.
+  auto narrow = collector({"HKQuantityTypeIdentifierBodyMass", "HKWorkoutTypeIdentifier"});
+  narrow->startObserving();
+  EXPECT_EQ(settledCount(*narrow, 2), 2u);
+  narrow->stopObserving();
+}
+
+TEST_F(CollectorTest, WithoutAConfigurationNothingIsObservedButDeliveryIsEnabled) {
+  auto unconfigured = collector({}, SystemVersion{}, /*configured=*/false);
+  unconfigured->startObserving();
+  EXPECT_EQ(unconfigured->runningQueryCount(), 0u);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!store_->backgroundDeliveryRegistration(ObjectType::workoutType()) &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  for (const auto& type : readTypes(SystemVersion{})) {
+    const auto registration = store_->backgroundDeliveryRegistration(type);
+    ASSERT_TRUE(registration) << type.identifier();
+  }
+}
+
+}  // namespace
+}  // namespace kestrova
