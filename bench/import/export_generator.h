@@ -1,0 +1,33 @@
+// A synthetic Apple Health export with the shape of a real one: years of data from an iPhone
+// and an Apple Watch with overlapping records, minute-level energy, heart rate with dense
+// workout bursts, sleep stages, newer-form workouts, weekly body measurements, mindful sessions
+// and monthly electrocardiogram files. Deterministic for a given seed. Single-threaded.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+
+#include "platform/result.h"
+
+namespace kestrova::bench {
+
+struct GeneratorOptions {
+  int years = 1;
+  std::uint64_t seed = 1;
+  // Also pack apple_health_export/ into export.zip next to it.
+  bool zip = false;
+};
+
+struct GeneratedExport {
+  std::filesystem::path folder;  // <out>/apple_health_export
+  std::filesystem::path xml;     // its export.xml
+  std::filesystem::path zip;     // <out>/export.zip when asked for
+  std::uint64_t records = 0;     // Record and Workout elements written
+  std::uint64_t bytes = 0;       // size of export.xml
+  int electrocardiograms = 0;
+};
+
+Result<GeneratedExport> generateExport(const std::filesystem::path& out,
+                                       const GeneratorOptions& options);
+
+}  // namespace kestrova::bench

@@ -1,0 +1,238 @@
+// The value grammars of exports: timestamps, device descriptions, units, typed metadata,
+// derived bundle identifiers, and electrocardiogram files.
+#include "healthstore/import/export_values.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include "healthstore/import/ecg_csv.h"
+#include "support/test_support.h"
+
+namespace kestrova {
+namespace {
+
+using testing::utc;
+
+TEST(ExportDateTest, OffsetsBecomeInstants) {
+  struct Case {
+    std::string_view text;
+    Date expected;
+  };
+  const Case cases[] = {
+      {"2019-05-14 19:05:29 -0400", utc(2019, 5, 14, 23, 5, 29)},
+      {"2024-01-01 01:01:36 +0200", utc(2023, 12, 31, 23, 1, 36)},
+      {"2016-02-29 00:00:00 +0000", utc(2016, 2, 29)},
+      {"2021-12-17 12:58:58 +0800", utc(2021, 12, 17, 4, 58, 58)},
+      {"2019-01-01 00:30:00 +0530", utc(2018, 12, 31, 19, 0, 0)},
+  };
+  for (const Case& c : cases) {
+    const std::optional<Date> parsed = parseExportDate(c.text);
+    ASSERT_TRUE(parsed.has_value()) << c.text;
+    EXPECT_EQ(*parsed, c.expected) << c.text;
+  }
+}
+
+TEST(ExportDateTest, RejectsOtherForms) {
+  for (std::string_view text :
+       {"", "2019-05-14T19:05:29-04:00", "20150616071916-0700", "2019-05-14 19:05:29",
+        "2019-13-14 19:05:29 -0400", "2019-05-14 19:05:29 -04:00", "2019-05-14 25:05:29 +0000",
+        "2019-05-14 19:05:29 +0000 "}) {
+    EXPECT_FALSE(parseExportDate(text).has_value()) << text;
+  }
+}
+
+TEST(DeviceDescriptionTest, SplitsOnlyBeforeKnownKeys) {
+  const std::optional<Device> phone = parseDeviceDescription(
+      "<<HKDevice: 0x282e3a260>, name:iPhone, manufacturer:Apple Inc., model:iPhone, "
+      "hardware:iPhone10,4, software:12.3>");
+  ASSERT_TRUE(phone.has_value());
+  EXPECT_EQ(phone->name, "iPhone");
+  EXPECT_EQ(phone->manufacturer, "Apple Inc.");
+  EXPECT_EQ(phone->model, "iPhone");
+  EXPECT_EQ(phone->hardwareVersion, "iPhone10,4");
+  EXPECT_EQ(phone->softwareVersion, "12.3");
+  EXPECT_FALSE(phone->firmwareVersion.has_value());
+
+  const std::optional<Device> watch = parseDeviceDescription(
+      "<<HKDevice: 0xc937f6fa0>, name:Apple Watch, manufacturer:Apple Inc., model:Watch, "
+      "hardware:Watch7,2, software:11.6.1, creation date:2025-08-14 23:49:07 +0000>");
+  ASSERT_TRUE(watch.has_value());
+  EXPECT_EQ(watch->hardwareVersion, "Watch7,2");
+  EXPECT_EQ(watch->softwareVersion, "11.6.1");
+
+  const std::optional<Device> junk = parseDeviceDescription("Dummy device");
+  ASSERT_TRUE(junk.has_value());
+  EXPECT_EQ(junk->name, "Dummy device");
+  EXPECT_FALSE(junk->hardwareVersion.has_value());
+  EXPECT_FALSE(parseDeviceDescription("").has_value());
+}
+
+TEST(ImportUnitsTest, MapsUnitsOfRealFiles) {
+  ImportUnits units;
+  struct Case {
+    std::string_view text;
+    double value;
+    std::string_view target;
+    double expected;
+  };
+  const Case cases[] = {
+      {"mi", 0.4971749504535062, "m", 800.1},
+      {"Cal", 56.1244, "kcal", 56.1244},
+      {"kJ", 418.4, "kcal", 100},
+      {"degF", 98.6, "degC", 37},
+      {"st", 11, "kg", 69.85},
+      {"lb", 180, "kg", 81.6466},
+      {"ft", 6, "cm", 182.88},
+      {"mL/min\xC2\xB7kg", 42.095, "mL/(kg*min)", 42.095},
+      {"mmol<180.1558800000541>/L", 5.5, "mg/dL", 99.0857},
+      {"kcal/hr-kg", 9.1945, "kcal/(hr*kg)", 9.1945},
+      {"km/hr", 36, "m/s", 10},
+      {"%", 0.96, "%", 0.96},
+  };
+  for (const Case& c : cases) {
+    const Unit* unit = units.find(c.text);
+    ASSERT_NE(unit, nullptr) << c.text;
+    const Result<double> converted = unit->convert(c.value, Unit::fromString(c.target).value());
+    ASSERT_TRUE(converted.ok()) << c.text;
+    EXPECT_NEAR(converted.value(), c.expected, 1e-3 * std::max(1.0, c.expected)) << c.text;
+  }
+  // Logarithmic and unknown units are reported, not guessed.
+  for (std::string_view text : {"dBASPL", "dBHL", "IU", "", "furlong"}) {
+    EXPECT_EQ(units.find(text), nullptr) << text;
+  }
+}
+
+TEST(MetadataValueTest, KeepsTypes) {
+  ImportUnits units;
+  EXPECT_EQ(std::get<bool>(typedMetadataValue("HKWasUserEntered", "1", units)), true);
+  EXPECT_EQ(std::get<bool>(typedMetadataValue("HKWasUserEntered", "0", units)), false);
+  EXPECT_EQ(std::get<std::string>(typedMetadataValue("HKTimeZone", "Europe/Paris", units)),
+            "Europe/Paris");
+  EXPECT_EQ(std::get<std::int64_t>(typedMetadataValue("HKVO2MaxTestType", "2", units)), 2);
+  EXPECT_DOUBLE_EQ(std::get<double>(typedMetadataValue("HKAverageMETs", "6.5", units)), 6.5);
+  EXPECT_EQ(std::get<std::string>(typedMetadataValue("App Version", "2.16.0", units)), "2.16.0");
+  EXPECT_EQ(std::get<Date>(typedMetadataValue("Modified Date", "2016-04-18 15:56:05 +0000", units)),
+            utc(2016, 4, 18, 15, 56, 5));
+
+  const Quantity temperature =
+      std::get<Quantity>(typedMetadataValue("HKWeatherTemperature", "56 degF", units));
+  EXPECT_NEAR(temperature.doubleValue(Unit::degreeCelsius()).value(), 13.333, 1e-3);
+  const Quantity altitude =
+      std::get<Quantity>(typedMetadataValue("HKElevationAscended", "6575 cm", units));
+  EXPECT_NEAR(altitude.doubleValue(Unit::meter()).value(), 65.75, 1e-9);
+  // Humidity: 2019 exports write "96 %", newer ones the same 96 % as "9600 %".
+  for (std::string_view text : {"96 %", "9600 %"}) {
+    const Quantity humidity =
+        std::get<Quantity>(typedMetadataValue("HKWeatherHumidity", text, units));
+    EXPECT_NEAR(humidity.doubleValue(Unit::percent()).value(), 0.96, 1e-12) << text;
+  }
+  // A decibel level has no linear unit: it stays text rather than being guessed.
+  EXPECT_EQ(std::get<std::string>(
+                typedMetadataValue("HKMetadataKeyAudioExposureLevel", "98.5993 dBASPL", units)),
+            "98.5993 dBASPL");
+  EXPECT_EQ(std::get<std::string>(
+                typedMetadataValue("HKExternalUUID", "strava://activities/2071320016", units)),
+            "strava://activities/2071320016");
+}
+
+TEST(BundleIdentifierTest, DeterministicAndDistinct) {
+  const std::string straight = deriveBundleIdentifier("Alexandre's Apple Watch");
+  const std::string curly = deriveBundleIdentifier("Alexandre\xE2\x80\x99s Apple Watch");
+  EXPECT_TRUE(straight.starts_with("import.apple-health.alexandre-s-apple-watch."));
+  EXPECT_TRUE(curly.starts_with("import.apple-health.alexandre-s-apple-watch."));
+  EXPECT_NE(straight, curly);
+  EXPECT_EQ(straight, deriveBundleIdentifier("Alexandre's Apple Watch"));
+  EXPECT_TRUE(deriveBundleIdentifier("\xF0\x9F\x95\x9B\xF0\x9F\x95\x90")
+                  .starts_with("import.apple-health.source."));
+  EXPECT_NE(nameBasedUuid("a"), nameBasedUuid("b"));
+  EXPECT_EQ(nameBasedUuid("a"), nameBasedUuid("a"));
+  // Version 5, RFC 4122 variant.
+  EXPECT_EQ(nameBasedUuid("a").bytes()[6] >> 4, 5);
+  EXPECT_EQ(nameBasedUuid("a").bytes()[8] >> 6, 2);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+TEST(ElectrocardiogramCsvTest, CommaDecimalsOfARealRecording) {
+  const std::string text =
+      readFile(std::string(KESTROVA_APPLE_HEALTH_DATA) + "/ecg-comma-decimal/ecg_2024-08-19.csv");
+  ASSERT_FALSE(text.empty());
+  Result<ParsedElectrocardiogram> parsed = parseElectrocardiogramCsv(text, "ecg_2024-08-19.csv");
+  ASSERT_TRUE(parsed.ok()) << parsed.error().text();
+  const Electrocardiogram& sample = *parsed.value().sample;
+  EXPECT_EQ(sample.numberOfVoltageMeasurements(), 15360);
+  ASSERT_EQ(parsed.value().volts.size(), 15360u);
+  EXPECT_NEAR(parsed.value().volts.front(), -160.933e-6, 1e-12);
+  EXPECT_NEAR(parsed.value().volts[2], -206.2e-6, 1e-12);
+  EXPECT_NEAR(parsed.value().volts.back(), -83.044e-6, 1e-12);
+  EXPECT_EQ(sample.samplingFrequency()->doubleValue(Unit::hertz()).value(), 512);
+  EXPECT_EQ(sample.classification(), Electrocardiogram::Classification::sinusRhythm);
+  EXPECT_EQ(sample.symptomsStatus(), Electrocardiogram::SymptomsStatus::notSet);
+  EXPECT_EQ(sample.startDate(), utc(2024, 8, 19, 20, 48, 31));
+  EXPECT_EQ(sample.endDate() - sample.startDate(), std::chrono::seconds(30));
+  EXPECT_EQ(sample.sourceRevision().productType, "Watch7,2");
+  EXPECT_EQ(sample.sourceRevision().version, "1.90");
+}
+
+std::string recording(std::string_view rate, std::string_view classification, int count,
+                      bool translatedKeys) {
+  std::string text = translatedKeys ? "Nom,X\nNaissance,\"1 Jan 2000\"\nDate,"
+                                    : "Name,X\nDate of Birth,\"1 Jan 2000\"\nRecorded Date,";
+  text += "2021-12-17 12:58:58 +0800\n";
+  text += std::string(translatedKeys ? "Classement," : "Classification,") +
+          std::string(classification) + "\n";
+  text += translatedKeys ? "Sympt,\nLogiciel,1.90\nAppareil,\"Watch5,1\"\nTaux,"
+                         : "Symptoms,\nSoftware Version,1.90\nDevice,\"Watch5,1\"\nSample Rate,";
+  text += std::string(rate) + "\n\n\n" +
+          (translatedKeys ? "Derivation,I\nUnite," : "Lead,Lead I\nUnit,") + "\xC2\xB5V\n\n";
+  for (int i = 0; i < count; ++i) {
+    // Whole numbers, dot decimals and comma decimals mixed, as in real files.
+    text += i % 3 == 0 ? std::to_string(i) : std::to_string(i) + (i % 3 == 1 ? ",5" : ".25");
+    text += '\n';
+  }
+  return text;
+}
+
+TEST(ElectrocardiogramCsvTest, DecimalRatesAndTranslatedKeys) {
+  for (bool translated : {false, true}) {
+    Result<ParsedElectrocardiogram> parsed = parseElectrocardiogramCsv(
+        recording("513.625 hertz", translated ? "Ritmo Sinusal" : "Heart Rate Over 150", 15409,
+                  translated),
+        "ecg.csv");
+    ASSERT_TRUE(parsed.ok()) << parsed.error().text();
+    const Electrocardiogram& sample = *parsed.value().sample;
+    EXPECT_EQ(sample.numberOfVoltageMeasurements(), 15409);
+    EXPECT_DOUBLE_EQ(sample.samplingFrequency()->doubleValue(Unit::hertz()).value(), 513.625);
+    EXPECT_NEAR(std::chrono::duration<double>(sample.endDate() - sample.startDate()).count(),
+                15409 / 513.625, 1e-6);
+    EXPECT_NEAR(parsed.value().volts[1], 1.5e-6, 1e-15);
+    EXPECT_NEAR(parsed.value().volts[2], 2.25e-6, 1e-15);
+    EXPECT_EQ(sample.startDate(), utc(2021, 12, 17, 4, 58, 58));
+    EXPECT_EQ(sample.classification(),
+              translated ? Electrocardiogram::Classification::unrecognized
+                         : Electrocardiogram::Classification::inconclusiveHighHeartRate);
+  }
+}
+
+TEST(ElectrocardiogramCsvTest, BrokenFilesAreRejectedWithTheLine) {
+  std::string twoColumns = recording("512 hertz", "Sinus Rhythm", 3, false) + "1,5,2\n";
+  Result<ParsedElectrocardiogram> parsed = parseElectrocardiogramCsv(twoColumns, "ecg_x.csv");
+  ASSERT_FALSE(parsed.ok());
+  EXPECT_NE(parsed.error().description.find("ecg_x.csv: line 17"), std::string::npos)
+      << parsed.error().description;
+  EXPECT_FALSE(parseElectrocardiogramCsv(recording("fast", "Sinus Rhythm", 3, false), "e").ok());
+  EXPECT_FALSE(
+      parseElectrocardiogramCsv(recording("512 hertz", "Sinus Rhythm", 0, false), "e").ok());
+  EXPECT_FALSE(parseElectrocardiogramCsv("", "e").ok());
+}
+
+}  // namespace
+}  // namespace kestrova

@@ -1,0 +1,47 @@
+// kestrova: the reference host command. Each subcommand registers itself here; the common
+// options (--data-dir, --verbose, --quiet) apply to all of them. Single-threaded apart from the
+// library's own threads.
+#include <CLI/CLI.hpp>
+
+#include "kestrova/version.h"
+#include "tools/cli/cli_context.h"
+#include "tools/cli/import_command.h"
+
+namespace {
+
+constexpr const char* kDescription =
+    "Kestrova: import Apple Health exports into the local health store and deliver them.";
+constexpr const char* kExamples = R"(
+Examples:
+  kestrova import ~/Downloads/export.zip
+  kestrova import ~/Downloads/apple_health_export            (the unpacked folder)
+  kestrova import exportar.xml --data-dir /srv/kestrova/alice --json > summary.json
+  kestrova import export.zip --quiet && echo imported
+
+Exit codes: 0 success, 1 the import failed (the summary says where it stopped; what was
+added stays, and running the same command again completes it), 3 the data directory or
+the health store could not be opened.)";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app(kDescription, "kestrova");
+  app.footer(kExamples);
+  app.set_version_flag("--version", KESTROVA_VERSION_STRING);
+  app.require_subcommand(1);
+  // Common options may come after the subcommand too ("kestrova import x.zip --data-dir d");
+  // subcommands made from now on inherit this.
+  app.fallthrough();
+
+  kestrova::cli::CommonOptions common;
+  kestrova::cli::addCommonOptions(app, common);
+  int exitCode = kestrova::cli::kExitOk;
+  kestrova::cli::addImportCommand(app, common, &exitCode);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error);
+  }
+  return exitCode;
+}
