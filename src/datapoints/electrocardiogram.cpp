@@ -28,10 +28,9 @@ struct VoltageReading {
   VoltagesCompletion completion;
 };
 
-// One delivery. `recordings` and `group` are fixed at creation; `points` is owned by `mutex`.
+// One delivery. `recordings` is fixed at creation; `points` is owned by `mutex`.
 struct ElectrocardiogramBatch {
   std::vector<std::shared_ptr<const Electrocardiogram>> recordings;
-  DispatchGroup group;
   std::mutex mutex;
   std::vector<std::optional<nlohmann::json>> points;
 };
@@ -108,23 +107,26 @@ void collectElectrocardiograms(const std::vector<SamplePtr>& samples, const Quer
     }
   }
   batch->points.resize(batch->recordings.size());
+  // The group lives outside the batch: its pending notification holds the batch, so a batch
+  // holding the group would keep itself alive for ever when a query is stopped unanswered.
+  auto group = std::make_shared<DispatchGroup>();
   // Every query enters the group before any starts, so an early answer cannot empty it.
   for (std::size_t i = 0; i < batch->recordings.size(); ++i) {
-    batch->group.enter();
+    group->enter();
   }
   for (std::size_t index = 0; index < batch->recordings.size(); ++index) {
     readVoltages(batch->recordings[index], runner,
-                 [batch, index](std::optional<std::vector<VoltagePoint>> trace) {
+                 [batch, group, index](std::optional<std::vector<VoltagePoint>> trace) {
                    if (trace) {
                      nlohmann::json point =
                          encodeElectrocardiogram(*batch->recordings[index], *trace);
                      std::lock_guard lock(batch->mutex);
                      batch->points[index] = std::move(point);
                    }
-                   batch->group.leave();
+                   group->leave();
                  });
   }
-  batch->group.notify(std::move(completionQueue), [batch, completion = std::move(completion)] {
+  group->notify(std::move(completionQueue), [batch, completion = std::move(completion)] {
     std::vector<nlohmann::json> points;
     {
       std::lock_guard lock(batch->mutex);

@@ -74,12 +74,11 @@ struct EpisodeResult {
   std::vector<SamplePtr> stages;
 };
 
-// One delivery. `episodes`, `system` and `group` are fixed at creation; `results` is owned by
+// One delivery. `episodes` and `system` are fixed at creation; `results` is owned by
 // `mutex`.
 struct SleepBatch {
   std::vector<std::shared_ptr<const CategorySample>> episodes;
   SystemVersion system;
-  DispatchGroup group;
   std::mutex mutex;
   std::vector<EpisodeResult> results;
 };
@@ -192,9 +191,12 @@ void collectSleepEpisodes(const std::vector<SamplePtr>& samples, const SystemVer
   const ObjectType sleepType = ObjectType::categoryType(kSleepAnalysisIdentifier).value();
   const auto finished = runner.finished;
 
+  // The group lives outside the batch: its pending notification holds the batch, so a batch
+  // holding the group would keep itself alive for ever when a query is stopped unanswered.
+  auto group = std::make_shared<DispatchGroup>();
   // Every query enters the group before any starts, so an early answer cannot empty it.
   for (std::size_t i = 0; i < batch->episodes.size(); ++i) {
-    batch->group.enter();
+    group->enter();
   }
   for (std::size_t index = 0; index < batch->episodes.size(); ++index) {
     const CategorySample& episode = *batch->episodes[index];
@@ -205,8 +207,8 @@ void collectSleepEpisodes(const std::vector<SamplePtr>& samples, const SystemVer
     runner.execute(SampleQuery::make(
         sleepType, std::move(predicate), kObjectQueryNoLimit,
         {SortDescriptor{SortKey::startDate, true}},
-        [batch, index, finished](const std::shared_ptr<SampleQuery>& query,
-                                 Result<std::vector<SamplePtr>> stages) {
+        [batch, group, index, finished](const std::shared_ptr<SampleQuery>& query,
+                                        Result<std::vector<SamplePtr>> stages) {
           if (stages) {
             std::lock_guard lock(batch->mutex);
             batch->results[index] = EpisodeResult{true, std::move(stages).value()};
@@ -216,10 +218,10 @@ void collectSleepEpisodes(const std::vector<SamplePtr>& samples, const SystemVer
           if (finished) {
             finished(query);
           }
-          batch->group.leave();
+          group->leave();
         }));
   }
-  batch->group.notify(std::move(completionQueue), [batch, completion = std::move(completion)] {
+  group->notify(std::move(completionQueue), [batch, completion = std::move(completion)] {
     std::vector<nlohmann::json> points;
     {
       std::lock_guard lock(batch->mutex);

@@ -111,10 +111,9 @@ struct Found {
   std::optional<double> stepCount;
 };
 
-// One delivery. `workouts` and `group` are fixed at creation; `found` is owned by `mutex`.
+// One delivery. `workouts` is fixed at creation; `found` is owned by `mutex`.
 struct WorkoutBatch {
   std::vector<std::shared_ptr<const Workout>> workouts;
-  DispatchGroup group;
   std::mutex mutex;
   std::vector<Found> found;
 };
@@ -224,17 +223,19 @@ void collectWorkoutDetails(const std::vector<SamplePtr>& workouts, const QueryRu
   const ObjectType heartRate = ObjectType::quantityType(kHeartRateIdentifier).value();
   const ObjectType steps = ObjectType::quantityType(kStepCountIdentifier).value();
   const auto finished = runner.finished;
-  const auto done = [finished](const std::shared_ptr<WorkoutBatch>& owner,
-                               const std::shared_ptr<Query>& query) {
+  // The group lives outside the batch: its pending notification holds the batch, so a batch
+  // holding the group would keep itself alive for ever when a query is stopped unanswered.
+  auto group = std::make_shared<DispatchGroup>();
+  const auto done = [finished, group](const std::shared_ptr<Query>& query) {
     if (finished) {
       finished(query);
     }
-    owner->group.leave();
+    group->leave();
   };
 
   // Every query enters the group before any starts, so an early answer cannot empty it.
   for (std::size_t i = 0; i < batch->workouts.size() * 3; ++i) {
-    batch->group.enter();
+    group->enter();
   }
   for (std::size_t index = 0; index < batch->workouts.size(); ++index) {
     const Workout& workout = *batch->workouts[index];
@@ -252,7 +253,7 @@ void collectWorkoutDetails(const std::vector<SamplePtr>& workouts, const QueryRu
           } else {
             logQueryError(statistics.error());
           }
-          done(batch, query);
+          done(query);
         }));
     runner.execute(SampleQuery::make(heartRate, during, kObjectQueryNoLimit, {},
                                      [batch, index, done](const std::shared_ptr<SampleQuery>& query,
@@ -264,7 +265,7 @@ void collectWorkoutDetails(const std::vector<SamplePtr>& workouts, const QueryRu
                                        } else {
                                          logQueryError(samples.error());
                                        }
-                                       done(batch, query);
+                                       done(query);
                                      }));
     runner.execute(StatisticsQuery::make(
         steps, during, StatisticsOptions::cumulativeSum,
@@ -280,10 +281,10 @@ void collectWorkoutDetails(const std::vector<SamplePtr>& workouts, const QueryRu
           } else {
             logQueryError(statistics.error());
           }
-          done(batch, query);
+          done(query);
         }));
   }
-  batch->group.notify(std::move(completionQueue), [batch, completion = std::move(completion)] {
+  group->notify(std::move(completionQueue), [batch, completion = std::move(completion)] {
     std::vector<nlohmann::json> points;
     {
       std::lock_guard lock(batch->mutex);
