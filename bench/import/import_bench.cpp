@@ -236,10 +236,12 @@ int main(int argc, char** argv) {
   int years = 1;
   std::string work = "/tmp/kestrova-import-bench";
   bool skipPython = false;
+  bool xmlOnly = false;
   app.add_option("--years", years, "Years of generated data")->capture_default_str();
   app.add_option("--work-dir", work, "Where the export and the stores go (not kept in git)")
       ->capture_default_str();
   app.add_flag("--no-python", skipPython, "Leave out the Python baseline");
+  app.add_flag("--xml-only", xmlOnly, "Leave out the zip import");
   CLI11_PARSE(app, argc, argv);
   kestrova::logging::setMinimumLevel(kestrova::LogLevel::error);
 
@@ -261,13 +263,16 @@ int main(int argc, char** argv) {
   const Figures bare = inChild([&] { return bareExpat(data.xml); });
   const Figures mapped = inChild([&] { return readAndMap(data.xml); });
   const Figures xmlImport = inChild([&] { return importInto(data.xml, root / "store-xml"); });
-  const Figures zipImport = inChild([&] { return importInto(data.zip, root / "store-zip"); });
+  const Figures zipImport =
+      xmlOnly ? Figures{} : inChild([&] { return importInto(data.zip, root / "store-zip"); });
   const Figures baseline = skipPython ? Figures{} : python(data.xml, root / "baseline.sqlite");
 
   print("bare expat, empty handlers", bare, data.records);
   print("read + map export.xml, no store", mapped, data.records);
   print("import export.xml", xmlImport, data.records);
-  print("import export.zip (with ECG files)", zipImport, data.records);
+  if (!xmlOnly) {
+    print("import export.zip (with ECG files)", zipImport, data.records);
+  }
   if (!skipPython) {
     print("python iterparse + sqlite3", baseline, data.records);
   }

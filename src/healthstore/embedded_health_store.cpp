@@ -78,6 +78,9 @@ Result<std::shared_ptr<EmbeddedHealthStore>> EmbeddedHealthStore::open(
   if (!writer) {
     return writer.error();
   }
+  if (Status failure = writer.value().tuneForWriting()) {
+    return *failure;
+  }
   if (Status failure = writer.value().purgeDeletedObjects(options.clock->now() -
                                                           options.deletedObjectRetention)) {
     logError(kLogCategory, kPurgeFailed, {failure->text()});

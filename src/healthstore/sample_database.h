@@ -57,6 +57,9 @@ class SampleDatabase {
   SampleDatabase(SampleDatabase&&) noexcept = default;
   SampleDatabase& operator=(SampleDatabase&&) noexcept = default;
 
+  // Sizes the page cache and checkpointing for the one connection that writes.
+  Status tuneForWriting();
+
   // One transaction; samples whose UUID is already stored are skipped. Voltages are kept for
   // the electrocardiograms named in `voltages`. Returns how many samples were added.
   Result<std::size_t> save(const std::vector<SamplePtr>& samples,
@@ -95,6 +98,7 @@ class SampleDatabase {
   Result<std::optional<ObjectType>> typeOf(std::int64_t id);
   Result<std::int64_t> longestDuration(std::int64_t typeId);
   Result<std::int64_t> revisionId(const Sample& sample);
+  Result<std::int64_t> revisionIdByKey(const Sample& sample);
   Result<SamplePtr> decodeSample(const SqliteStatement& row);
   Result<std::size_t> insertSamples(const std::vector<SamplePtr>& samples,
                                     const std::map<Uuid, std::vector<double>>& voltages);
@@ -105,6 +109,14 @@ class SampleDatabase {
   std::unordered_map<std::int64_t, std::string> typeIdentifiers_;
   std::unordered_map<std::string, std::int64_t> revisionIds_;
   std::unordered_map<std::int64_t, RevisionRecord> revisions_;
+  // The revisions saved most recently, most recent first; like the maps above, forgotten when
+  // a save rolls back.
+  struct RecentRevision {
+    RevisionRecord record;
+    std::int64_t id = 0;
+  };
+  static constexpr std::size_t kRecentRevisions = 8;
+  std::vector<RecentRevision> recentRevisions_;
   std::unordered_map<std::string, Unit> units_;
   SqliteStatement insertSample_;
   SqliteStatement anchored_;

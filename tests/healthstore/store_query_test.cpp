@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "platform/linux/sqlite.h"
 #include "store_fixture.h"
 
 namespace kestrova {
@@ -370,6 +371,30 @@ TEST_F(StoreSampleQueries, ElectrocardiogramVoltagesThenExactlyOneDone) {
         }
       }));
   EXPECT_EQ(wait(calls), 1);
+}
+
+using StoreWrites = StoreFixture;
+
+TEST_F(StoreWrites, ForgetRevisionsOfASaveThatRolledBack) {
+  // Another connection makes the store refuse the second sample, after the first one's new
+  // source revision was inserted in the same transaction.
+  Result<SqliteDatabase> other = SqliteDatabase::open(dir_.path() / "health.sqlite");
+  ASSERT_TRUE(other.ok());
+  ASSERT_FALSE(
+      other.value().exec("CREATE TRIGGER refuse BEFORE INSERT ON samples "
+                         "WHEN NEW.value = 99 BEGIN SELECT RAISE(ABORT, 'no'); END"));
+  const SourceRevision fresh = testing::app("com.example.fresh");
+  const Result<std::size_t> refused = store_->saveObjects(
+      {quantitySample(kBodyMass, 70, "kg", utc(2024, 1, 1), utc(2024, 1, 1), fresh),
+       quantitySample(kBodyMass, 99, "kg", utc(2024, 1, 2), utc(2024, 1, 2), fresh)});
+  EXPECT_FALSE(refused.ok());
+  ASSERT_FALSE(other.value().exec("DROP TRIGGER refuse"));
+
+  save({quantitySample(kBodyMass, 71, "kg", utc(2024, 1, 3), utc(2024, 1, 3), fresh)});
+  Result<std::vector<SamplePtr>> found = samples(quantityType(kBodyMass), std::nullopt);
+  ASSERT_TRUE(found.ok()) << found.error().text();
+  ASSERT_EQ(found.value().size(), 1u);
+  EXPECT_EQ(found.value()[0]->sourceRevision(), fresh);
 }
 
 }  // namespace
