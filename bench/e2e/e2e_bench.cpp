@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 // Deliveries that need further queries (workouts, sleep, electrocardiograms) come in a while
 // after the first files; the run counts as delivered once nothing has moved for this long.
-constexpr auto kSettled = std::chrono::seconds(20);
+constexpr auto kSettled = std::chrono::seconds(90);
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
