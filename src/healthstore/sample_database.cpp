@@ -798,9 +798,9 @@ Result<AnchoredRows> SampleDatabase::anchored(const ObjectType& type,
   return rows;
 }
 
-Result<std::vector<SamplePtr>> SampleDatabase::samples(const ObjectType& type,
-                                                       const std::optional<Predicate>& predicate) {
-  std::vector<SamplePtr> found;
+Status SampleDatabase::scanWindow(const ObjectType& type, const std::optional<Predicate>& predicate,
+                                  SqliteStatement& slot, std::string_view sql,
+                                  const std::function<Status(SqliteStatement&)>& visit) {
   // One snapshot for the longest duration and the scan that relies on it.
   Result<SqliteTransaction> snapshot = db_.begin(SqliteTransactionKind::deferred);
   if (!snapshot) {
@@ -811,9 +811,9 @@ Result<std::vector<SamplePtr>> SampleDatabase::samples(const ObjectType& type,
     return id.error();
   }
   if (id.value() < 0) {
-    return found;
+    return std::nullopt;
   }
-  Result<SqliteStatement*> prepared = statement(samples_, samplesSql());
+  Result<SqliteStatement*> prepared = statement(slot, sql);
   if (!prepared) {
     return prepared.error();
   }
@@ -825,7 +825,7 @@ Result<std::vector<SamplePtr>> SampleDatabase::samples(const ObjectType& type,
   SqliteResetScope resetting(row);
   row.bindInt64(1, id.value());
   if (Status failure = bindWindow(row, predicate, longest.value())) {
-    return *failure;
+    return failure;
   }
   while (true) {
     Result<bool> next = row.step();
@@ -833,16 +833,31 @@ Result<std::vector<SamplePtr>> SampleDatabase::samples(const ObjectType& type,
       return next.error();
     }
     if (!next.value()) {
-      break;
+      return std::nullopt;
     }
-    if (predicate && !predicate->evaluate(rowFields(row))) {
-      continue;
+    if (Status failure = visit(row)) {
+      return failure;
     }
-    Result<SamplePtr> sample = decodeSample(row);
-    if (!sample) {
-      return sample.error();
-    }
-    found.push_back(std::move(sample).value());
+  }
+}
+
+Result<std::vector<SamplePtr>> SampleDatabase::samples(const ObjectType& type,
+                                                       const std::optional<Predicate>& predicate) {
+  std::vector<SamplePtr> found;
+  Status failure =
+      scanWindow(type, predicate, samples_, samplesSql(), [&](SqliteStatement& row) -> Status {
+        if (predicate && !predicate->evaluate(rowFields(row))) {
+          return std::nullopt;
+        }
+        Result<SamplePtr> sample = decodeSample(row);
+        if (!sample) {
+          return sample.error();
+        }
+        found.push_back(std::move(sample).value());
+        return std::nullopt;
+      });
+  if (failure) {
+    return *failure;
   }
   return found;
 }
@@ -850,46 +865,18 @@ Result<std::vector<SamplePtr>> SampleDatabase::samples(const ObjectType& type,
 Result<std::vector<StatisticsRow>> SampleDatabase::statisticsRows(
     const ObjectType& type, const std::optional<Predicate>& predicate) {
   std::vector<StatisticsRow> rows;
-  // One snapshot for the longest duration and the scan that relies on it.
-  Result<SqliteTransaction> snapshot = db_.begin(SqliteTransactionKind::deferred);
-  if (!snapshot) {
-    return snapshot.error();
-  }
-  Result<std::int64_t> id = typeId(type, false);
-  if (!id) {
-    return id.error();
-  }
-  if (id.value() < 0) {
-    return rows;
-  }
-  Result<SqliteStatement*> prepared = statement(statisticsRows_, statisticsRowsSql());
-  if (!prepared) {
-    return prepared.error();
-  }
-  Result<std::int64_t> longest = longestDuration(id.value());
-  if (!longest) {
-    return longest.error();
-  }
-  SqliteStatement& row = *prepared.value();
-  SqliteResetScope resetting(row);
-  row.bindInt64(1, id.value());
-  if (Status failure = bindWindow(row, predicate, longest.value())) {
+  Status failure = scanWindow(
+      type, predicate, statisticsRows_, statisticsRowsSql(), [&](SqliteStatement& row) -> Status {
+        StatisticsRow entry{dateFromStored(row.columnInt64(0)), dateFromStored(row.columnInt64(1)),
+                            row.columnDouble(2), row.columnInt64(3), row.columnInt64(4) != 0};
+        if (!predicate ||
+            predicate->evaluate(PredicateFields{entry.start, entry.end, std::nullopt})) {
+          rows.push_back(entry);
+        }
+        return std::nullopt;
+      });
+  if (failure) {
     return *failure;
-  }
-  while (true) {
-    Result<bool> next = row.step();
-    if (!next) {
-      return next.error();
-    }
-    if (!next.value()) {
-      break;
-    }
-    StatisticsRow entry{dateFromStored(row.columnInt64(0)), dateFromStored(row.columnInt64(1)),
-                        row.columnDouble(2), row.columnInt64(3), row.columnInt64(4) != 0};
-    if (predicate && !predicate->evaluate(PredicateFields{entry.start, entry.end, std::nullopt})) {
-      continue;
-    }
-    rows.push_back(entry);
   }
   return rows;
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -94,6 +95,11 @@ class SampleDatabase {
   explicit SampleDatabase(SqliteDatabase db) : db_(std::move(db)) {}
 
   Result<SqliteStatement*> statement(SqliteStatement& slot, std::string_view sql);
+  // Steps through the rows of `type` in the predicate's time window, in one read snapshot,
+  // handing each to `visit`; stops at the first error.
+  Status scanWindow(const ObjectType& type, const std::optional<Predicate>& predicate,
+                    SqliteStatement& slot, std::string_view sql,
+                    const std::function<Status(SqliteStatement&)>& visit);
   Result<std::int64_t> typeId(const ObjectType& type, bool create);
   Result<std::optional<ObjectType>> typeOf(std::int64_t id);
   Result<std::int64_t> longestDuration(std::int64_t typeId);
