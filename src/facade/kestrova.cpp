@@ -16,6 +16,7 @@
 #include "platform/platform.h"
 #include "platform/url_components.h"
 #include "statistics/data_manager.h"
+#include "statistics/statistics_queries.h"
 #include "storage/anchor_store.h"
 #include "storage/profile_store.h"
 #include "storage/token_store.h"
@@ -78,10 +79,27 @@ class Instance : public std::enable_shared_from_this<Instance> {
       auto self = weak.lock();
       return self ? self->collectionSettings() : std::nullopt;
     };
+    environment.statistics = [weak = weak_from_this()](std::vector<ObjectType> types) {
+      if (auto self = weak.lock()) {
+        self->startStatisticsQueries(types);
+      }
+    };
     collector = SampleCollector::make(std::move(environment));
   }
 
   std::shared_ptr<DispatchQueue> mainQueue() const { return platform->dispatcher->mainQueue(); }
+
+  void startStatisticsQueries(const std::vector<ObjectType>& types) const {
+    StatisticsQueryContext context;
+    context.store = healthKitDataStore;
+    context.zone = platform->timeZone->current();
+    {
+      std::lock_guard lock(mutex);
+      context.dataManager = dataManager;
+      context.startDate = startDate;
+    }
+    kestrova::startStatisticsQueries(context, types);
+  }
 
   std::optional<SampleCollector::Settings> collectionSettings() const {
     std::lock_guard lock(mutex);
@@ -251,6 +269,7 @@ void disconnectInstance(const std::shared_ptr<Instance>& instance) {
     return;
   }
   instance->collector->stopObserving();
+  dataManager->deleteAllStoredStatistics();
   instance->healthKitDataStore->disableAllBackgroundDelivery(
       [](bool success, const std::optional<kestrova::Error>& error) {
         if (success) {
@@ -312,7 +331,10 @@ void configureInstance(const std::shared_ptr<Instance>& instance, const Kestrova
     return;
   }
   auto api = std::make_shared<const API>(*components, *instance->platform);
-  auto dataManager = std::make_shared<DataManager>(*api);
+  auto dataManager = DataManager::make(
+      *api, config.startDate(),
+      DataManager::Environment{instance->platform->defaults, instance->platform->clock,
+                               instance->platform->dispatcher});
   {
     std::lock_guard lock(instance->mutex);
     instance->startDate = config.startDate();

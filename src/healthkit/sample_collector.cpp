@@ -82,6 +82,15 @@ void SampleCollector::startObserving() {
   for (const auto& route : all) {
     observe(route);
   }
+  if (environment_.statistics) {
+    const auto types = statisticsTypes();
+    if (!types.empty()) {
+      environment_.statistics(types);
+    }
+    for (const auto& type : types) {
+      observeStatistics(type);
+    }
+  }
   enableBackgroundDelivery();
 }
 
@@ -133,6 +142,41 @@ void SampleCollector::observe(const Route& route) {
                             // own.
                             completion();
                           }));
+}
+
+std::vector<ObjectType> SampleCollector::statisticsTypes() const {
+  std::vector<ObjectType> types;
+  const auto settings = environment_.settings();
+  if (!settings) {
+    return types;
+  }
+  for (const auto& type : dailySummaryTypes()) {
+    if (settings->enabledTypes.contains(type.identifier())) {
+      types.push_back(type);
+    }
+  }
+  return types;
+}
+
+void SampleCollector::observeStatistics(const ObjectType& type) {
+  const auto settings = settingsFor(type);
+  if (!settings) {
+    return;
+  }
+  auto predicate =
+      predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
+  execute(ObserverQuery::make(type, std::move(predicate),
+                              [weak = weak_from_this(), type](const std::shared_ptr<ObserverQuery>&,
+                                                              const std::vector<ObjectType>&,
+                                                              ObserverCompletionHandler completion,
+                                                              const std::optional<Error>&) {
+                                // Only the changed type is recomputed: a pass over every type per
+                                // wake-up would multiply the work by the number of observers.
+                                if (auto self = weak.lock()) {
+                                  self->environment_.statistics({type});
+                                }
+                                completion();
+                              }));
 }
 
 void SampleCollector::enableBackgroundDelivery() {

@@ -50,6 +50,9 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
     std::function<std::optional<Settings>()> settings;
     // Where the encoders that query further (workouts, sleep) complete.
     std::shared_ptr<DispatchQueue> encodingQueue;
+    // The statistics pass over the given quantity types; when set, collection start runs it
+    // over every enabled statistics type and observes each of them to run it again.
+    std::function<void(std::vector<ObjectType> types)> statistics;
   };
 
   // At most this many data points go into one upload file.
@@ -57,8 +60,9 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
 
   static std::shared_ptr<SampleCollector> make(Environment environment);
 
-  // Stops what runs, fetches every family once, starts one observer per family and type, and
-  // enables immediate background delivery for every read type.
+  // Stops what runs, fetches every family once, starts one observer per family and type, runs
+  // the statistics pass and observes the statistics types, and enables immediate background
+  // delivery for every read type.
   void startObserving();
   // Stops every running query.
   void stopObserving();
@@ -82,6 +86,9 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
   std::vector<Route> routes() const;
   std::optional<Settings> settingsFor(const ObjectType& type) const;
   void observe(const Route& route);
+  // The daily summary types (heart rate, activity sums) that the host enabled.
+  std::vector<ObjectType> statisticsTypes() const;
+  void observeStatistics(const ObjectType& type);
   void enableBackgroundDelivery();
   void execute(std::shared_ptr<Query> query);
   void forget(const Query& query);

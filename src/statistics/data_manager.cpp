@@ -1,10 +1,199 @@
 #include "statistics/data_manager.h"
 
-namespace kestrova {
+#include <algorithm>
+#include <utility>
 
-DataManager::DataManager(API api) : api_(std::move(api)) {
+#include "api/api_constants.h"
+#include "api/request_builder.h"
+#include "api/upload.h"
+#include "platform/log.h"
+#include "storage/profile_store.h"
+
+namespace kestrova {
+namespace {
+
+constexpr std::string_view kCategory = "statistics";
+constexpr std::string_view kBulkIngestPath = "v1.3/ingest/bulk/";
+constexpr int kStatusOK = 200;
+
+struct FamilyTexts {
+  std::string_view error;
+  std::string_view success;
+  std::string_view failure;
+};
+
+constexpr FamilyTexts kHeartRateTexts{
+    "Error executing heart rate samples upload request: %{public}@",
+    "Heart rate samples for profile %@ has been uploaded successfully",
+    "Heart rate samples for profile %@ has NOT been uploaded successfully"};
+constexpr FamilyTexts kDailyDetailTexts{
+    "Error executing daily detail samples upload request: %{public}@",
+    "Daily detail samples for profile %@ has been uploaded successfully",
+    "Daily detail samples for profile %@ has NOT been uploaded successfully"};
+constexpr FamilyTexts kDailySummaryTexts{
+    "Error executing daily summaries upload request: %{public}@",
+    "Daily summaries for profile %@ has been uploaded successfully",
+    "Daily summaries for profile %@ has NOT been uploaded successfully"};
+
+}  // namespace
+
+std::shared_ptr<DataManager> DataManager::make(API api, std::optional<Date> startDate,
+                                               Environment environment) {
+  auto manager = std::shared_ptr<DataManager>(
+      new DataManager(std::move(api), startDate, std::move(environment)));
   // Files kept by a failed upload, a lost token or a restart get their next try now.
-  api_.uploadPending();
+  manager->api_.uploadPending();
+  if (startDate) {
+    manager->queue_->async(
+        [store = manager->store_, date = *startDate] { store->deleteBefore(date); });
+  }
+  return manager;
+}
+
+DataManager::DataManager(API api, std::optional<Date> startDate, Environment environment)
+    : api_(std::move(api)),
+      environment_(std::move(environment)),
+      store_(
+          std::make_shared<StatisticsStore>(environment_.defaults, environment_.clock, startDate)),
+      queue_(environment_.dispatcher->sharedSerialQueue(kStatisticsQueueLabel,
+                                                        QualityOfService::utility)) {}
+
+DataManager::~DataManager() = default;
+
+Timer& DataManager::timer(Family family) {
+  std::lock_guard lock(mutex_);
+  auto& slot = family == Family::heartRateSamples     ? heartRateSamplesTimer_
+               : family == Family::dailyDetailSamples ? dailyDetailSamplesTimer_
+                                                      : dailySummaryTimer_;
+  if (!slot) {
+    // NOTE: the tick runs on the statistics queue rather than a concurrent one, so it reads
+    // the store only between whole batches and never misses a result still queued.
+    slot = environment_.clock->makeTimer(queue_, [weak = weak_from_this(), family] {
+      auto self = weak.lock();
+      if (!self) {
+        return;
+      }
+      switch (family) {
+        case Family::heartRateSamples:
+          self->uploadHeartRateSamples();
+          break;
+        case Family::dailyDetailSamples:
+          self->uploadDailyDetailSamples();
+          break;
+        case Family::dailySummaries:
+          self->uploadDailySummaries();
+          break;
+      }
+    });
+  }
+  return *slot;
+}
+
+void DataManager::storeHeartRateStatistics(std::vector<Statistics> statistics) {
+  queue_->async([store = store_, statistics = std::move(statistics)] {
+    store->storeHeartRateStatistics(statistics);
+  });
+  heartRateSamplesTimer().schedule(kUploadDelay, std::chrono::nanoseconds{0});
+}
+
+void DataManager::storeDailyDetailStatistics(std::vector<Statistics> statistics,
+                                             ObjectType quantityType) {
+  queue_->async([store = store_, statistics = std::move(statistics), quantityType] {
+    store->storeDailyDetailStatistics(statistics, quantityType);
+  });
+  dailyDetailSamplesTimer().schedule(kUploadDelay, std::chrono::nanoseconds{0});
+}
+
+void DataManager::storeDailySummaryStatistics(std::vector<Statistics> statistics) {
+  queue_->async([store = store_, statistics = std::move(statistics)] {
+    store->storeDailySummaryStatistics(statistics);
+  });
+  dailySummaryTimer().schedule(kUploadDelay, std::chrono::nanoseconds{0});
+}
+
+void DataManager::deleteAllStoredStatistics() {
+  queue_->async([store = store_] { store->deleteAll(); });
+}
+
+void DataManager::uploadHeartRateSamples() {
+  upload(Family::heartRateSamples, store_->heartRateSamples(),
+         [](const HeartRateSample& sample, const std::string& profileId, Date) {
+           return encodeHeartRateSample(sample, profileId);
+         });
+}
+
+void DataManager::uploadDailyDetailSamples() {
+  upload(Family::dailyDetailSamples, store_->dailyDetailSamples(),
+         [](const DailyDetailSample& sample, const std::string& profileId, Date) {
+           return encodeDailyDetailSample(sample, profileId);
+         });
+}
+
+void DataManager::uploadDailySummaries() {
+  upload(Family::dailySummaries, store_->dailySummaries(),
+         [](const DailySummary& summary, const std::string& profileId, Date now) {
+           return encodeDailySummary(summary, profileId, now);
+         });
+}
+
+template <class Record, class Encode>
+void DataManager::upload(Family family, std::vector<Record> records, const Encode& encode) {
+  const auto& texts = family == Family::heartRateSamples     ? kHeartRateTexts
+                      : family == Family::dailyDetailSamples ? kDailyDetailTexts
+                                                             : kDailySummaryTexts;
+  const auto profile = ProfileStore(environment_.defaults).storedProfile();
+  if (!profile) {
+    return;
+  }
+  std::erase_if(records, [](const Record& record) { return !record.hasNewData; });
+  // Taken on the statistics queue after the read: a figure stored later is updated after
+  // this time and stays new even once this upload is marked.
+  const auto tickTime = environment_.clock->now();
+  for (std::size_t first = 0; first < records.size(); first += kMaximumDataPointsPerRequest) {
+    const auto last = std::min(records.size(), first + kMaximumDataPointsPerRequest);
+    std::vector<Record> sent(records.begin() + static_cast<std::ptrdiff_t>(first),
+                             records.begin() + static_cast<std::ptrdiff_t>(last));
+    nlohmann::json points = nlohmann::json::array();
+    for (const auto& record : sent) {
+      points.push_back(encode(record, profile->id, tickTime));
+    }
+    URLRequestInfo info;
+    info.path = std::string(kBulkIngestPath);
+    info.httpMethod = HttpMethod::POST;
+    try {
+      info.body = toBytes(points.dump());
+    } catch (const std::exception& e) {
+      logError(kCategory, texts.error, {e.what()});
+      return;
+    }
+    info.extraHeaders = HTTPHeaders{{std::string(kSourceHeader), std::string(kSourceValue)},
+                                    {std::string(kVersionHeader), std::string(versionText())}};
+    auto completion = [weak = weak_from_this(), store = store_, queue = queue_, texts,
+                       profileId = profile->id, sent = std::move(sent),
+                       tickTime](std::optional<Bytes>, std::optional<HTTPURLResponse> response,
+                                 std::optional<Error> error) mutable {
+      if (error) {
+        logError(kCategory, texts.error, {error->description});
+        return;
+      }
+      // A completion without an HTTP answer counts as success, as for the upload files.
+      if (response && response->statusCode != kStatusOK) {
+        logError(kCategory, texts.failure, {profileId});
+        return;
+      }
+      logInfo(kCategory, texts.success, {profileId});
+      if (!weak.lock()) {
+        return;
+      }
+      queue->async(
+          [store, sent = std::move(sent), tickTime] { store->markUploaded(sent, tickTime); });
+    };
+    // NOTE: the operation carries the profile's token so that the request is authorised with
+    // the bearer stored for it: the ingest endpoint refuses requests without one.
+    api_.apiQueue()->addOperation(
+        std::make_shared<ApiOperation>(std::move(info), api_.session(), Token{true, profile->id},
+                                       api_.baseComponents(), api_, std::move(completion)));
+  }
 }
 
 }  // namespace kestrova

@@ -1,19 +1,88 @@
-// The statistics manager. So far it owns the start-up upload sweep: constructing it retries
-// every upload file left on disk. Immutable after construction; any thread.
+// DataManager: records the results of the statistics collection queries in the statistics
+// store and uploads new figures a few seconds after each batch. Store writes and upload ticks
+// run on the serial statistics queue, which owns every read-modify-write of the store; `mutex_`
+// owns the three lazily made timers. Callbacks that outlive a call hold the manager weakly.
+//
+//   auto manager = DataManager::make(api, startDate, environment);  // sweeps and prunes
+//   manager->storeHeartRateStatistics(collection.statistics());      // upload 3 s later
 #pragma once
 
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <vector>
+
 #include "api/api.h"
+#include "platform/clock.h"
+#include "platform/defaults_store.h"
+#include "platform/dispatch.h"
+#include "platform/health/statistics.h"
+#include "statistics/statistics_store.h"
 
 namespace kestrova {
 
-class DataManager {
+class DataManager : public std::enable_shared_from_this<DataManager> {
  public:
-  explicit DataManager(API api);
+  static constexpr std::string_view kStatisticsQueueLabel = "com.kestrova.queue.statistics";
+  // Quiet time after the last batch of a family before its upload.
+  static constexpr std::chrono::seconds kUploadDelay{3};
+  // At most this many data points go into one request; each request is marked on its own.
+  static constexpr std::size_t kMaximumDataPointsPerRequest = 5000;
+
+  struct Environment {
+    std::shared_ptr<DefaultsStore> defaults;
+    std::shared_ptr<Clock> clock;
+    std::shared_ptr<Dispatcher> dispatcher;
+  };
+
+  // Retries the upload files left on disk and, with a start date, prunes the stored
+  // statistics of the days before it.
+  static std::shared_ptr<DataManager> make(API api, std::optional<Date> startDate,
+                                           Environment environment);
+  ~DataManager();
+  DataManager(const DataManager&) = delete;
+  DataManager& operator=(const DataManager&) = delete;
 
   const API& api() const { return api_; }
+  // The queue shared by every manager of the dispatcher, so that the store is written by one
+  // queue also while a replaced manager's work drains.
+  const std::shared_ptr<DispatchQueue>& statisticsStorageQueue() const { return queue_; }
+
+  // Result entry points: the whole list is recorded in one work item on the statistics queue,
+  // then the family's upload is (re)scheduled kUploadDelay from now. Any thread.
+  void storeHeartRateStatistics(std::vector<Statistics> statistics);
+  void storeDailyDetailStatistics(std::vector<Statistics> statistics, ObjectType quantityType);
+  void storeDailySummaryStatistics(std::vector<Statistics> statistics);
+
+  void deleteAllStoredStatistics();
 
  private:
+  enum class Family { heartRateSamples, dailyDetailSamples, dailySummaries };
+
+  DataManager(API api, std::optional<Date> startDate, Environment environment);
+
+  Timer& timer(Family family);
+  Timer& heartRateSamplesTimer() { return timer(Family::heartRateSamples); }
+  Timer& dailyDetailSamplesTimer() { return timer(Family::dailyDetailSamples); }
+  Timer& dailySummaryTimer() { return timer(Family::dailySummaries); }
+
+  // The upload ticks; on the statistics queue.
+  void uploadHeartRateSamples();
+  void uploadDailyDetailSamples();
+  void uploadDailySummaries();
+  template <class Record, class Encode>
+  void upload(Family family, std::vector<Record> records, const Encode& encode);
+
   const API api_;
+  const Environment environment_;
+  const std::shared_ptr<StatisticsStore> store_;
+  const std::shared_ptr<DispatchQueue> queue_;
+  std::mutex mutex_;  // owns the three timers
+  std::unique_ptr<Timer> heartRateSamplesTimer_;
+  std::unique_ptr<Timer> dailyDetailSamplesTimer_;
+  std::unique_ptr<Timer> dailySummaryTimer_;
 };
 
 }  // namespace kestrova

@@ -6,7 +6,6 @@ namespace kestrova {
 namespace {
 
 constexpr std::string_view kCategory = "defaults";
-constexpr std::string_view kCouldNotDecode = "Could not decode object: %@";
 constexpr std::string_view kIdKey = "id";
 
 }  // namespace
@@ -25,7 +24,7 @@ std::optional<nlohmann::json> loadJson(const DefaultsStore& defaults, std::strin
   }
   auto json = nlohmann::json::parse(data->begin(), data->end(), nullptr, false);
   if (json.is_discarded()) {
-    logError(kCategory, kCouldNotDecode,
+    logError(kCategory, kCouldNotDecodeObject,
              {"the data under " + std::string(key) + " is not valid JSON"});
     return std::nullopt;
   }
@@ -39,7 +38,7 @@ std::optional<Profile> ProfileStore::storedProfile() const {
   }
   const auto id = json->is_object() ? json->find(kIdKey) : json->end();
   if (!json->is_object() || id == json->end() || !id->is_string()) {
-    logError(kCategory, kCouldNotDecode,
+    logError(kCategory, kCouldNotDecodeObject,
              {"the data under " + std::string(kCurrentProfileKey) + " is not a profile"});
     return std::nullopt;
   }

@@ -13,6 +13,9 @@
 
 namespace kestrova {
 
+// Logged when stored bytes do not decode into what was asked for.
+inline constexpr std::string_view kCouldNotDecodeObject = "Could not decode object: %@";
+
 struct Profile {
   std::string id;
 };

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 #include "healthkit/health_kit_types.h"
@@ -54,9 +56,11 @@ class CollectorTest : public ::testing::Test {
   }
   void TearDown() override { installPlatform(nullptr); }
 
-  std::shared_ptr<SampleCollector> collector(std::set<std::string, std::less<>> enabled,
-                                             SystemVersion system = {}, bool configured = true) {
+  std::shared_ptr<SampleCollector> collector(
+      std::set<std::string, std::less<>> enabled, SystemVersion system = {}, bool configured = true,
+      std::function<void(std::vector<ObjectType>)> statistics = nullptr) {
     SampleCollector::Environment environment;
+    environment.statistics = std::move(statistics);
     environment.store = store_;
     environment.anchors = std::make_shared<AnchorStore>(test_.platform->defaults);
     environment.clock = test_.clock;
@@ -127,6 +131,43 @@ TEST_F(CollectorTest, WithoutAConfigurationNothingIsObservedButDeliveryIsEnabled
     const auto registration = store_->backgroundDeliveryRegistration(type);
     ASSERT_TRUE(registration) << type.identifier();
   }
+}
+
+TEST_F(CollectorTest, StatisticsRunOverEnabledTypesAndEachObserverRecomputesItsOwnType) {
+  std::mutex mutex;  // owns passes
+  std::vector<std::vector<std::string>> passes;
+  auto record = [&](std::vector<ObjectType> types) {
+    std::vector<std::string> identifiers;
+    for (const auto& type : types) {
+      identifiers.emplace_back(type.identifier());
+    }
+    std::lock_guard lock(mutex);
+    passes.push_back(std::move(identifiers));
+  };
+  const std::string steps(kStepCountIdentifier);
+  const std::string heartRate(kHeartRateIdentifier);
+  auto statistics = collector({steps, heartRate, "HKQuantityTypeIdentifierBodyMass"},
+                              SystemVersion{}, true, record);
+  statistics->startObserving();
+  // The body mass observer and one statistics observer per enabled statistics type.
+  EXPECT_EQ(settledCount(*statistics, 3), 3u);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  auto seen = [&] {
+    std::lock_guard lock(mutex);
+    return passes;
+  };
+  while (seen().size() < 3 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  auto all = seen();
+  ASSERT_EQ(all.size(), 3u);
+  // First the whole pass, then each observer's first delivery for its own type.
+  EXPECT_EQ(all[0], (std::vector<std::string>{steps, heartRate}));
+  std::sort(all.begin() + 1, all.end());
+  EXPECT_EQ(all[1], std::vector<std::string>{heartRate});
+  EXPECT_EQ(all[2], std::vector<std::string>{steps});
+  statistics->stopObserving();
+  EXPECT_EQ(statistics->runningQueryCount(), 0u);
 }
 
 }  // namespace

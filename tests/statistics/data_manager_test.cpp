@@ -1,0 +1,322 @@
+// DataManager with a manual clock and a scripted URL session: debouncing per family, what a
+// tick sends, which answers mark records uploaded, request splitting, and construction.
+#include "statistics/data_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <future>
+#include <thread>
+
+#include "api/api.h"
+#include "api/request_builder.h"
+#include "storage/profile_store.h"
+#include "storage/token_store.h"
+#include "support/test_support.h"
+
+namespace kestrova {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::minutes;
+using std::chrono::seconds;
+using testing::utc;
+
+// How the scripted session answers a request.
+struct Answer {
+  std::optional<int> status;  // none: a completion without an HTTP response
+  bool transportError = false;
+};
+
+// Records every request and completes it at once with the next scripted answer (200 when the
+// script is empty). Its mutex owns the requests and the script.
+class ScriptedSession : public URLSession {
+ public:
+  class Task : public URLSessionDataTask {
+   public:
+    explicit Task(std::function<void()> run) : run_(std::move(run)) {}
+    void resume() override { run_(); }
+    void cancel() override {}
+
+   private:
+    std::function<void()> run_;
+  };
+
+  std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request,
+                                               DataTaskCompletion completion) override {
+    return std::make_shared<Task>([this, request = std::move(request), completion] {
+      Answer answer{200};
+      {
+        std::lock_guard lock(mutex_);
+        requests_.push_back(request);
+        if (!script_.empty()) {
+          answer = script_.front();
+          script_.pop_front();
+        }
+      }
+      if (answer.transportError) {
+        completion(std::nullopt, std::nullopt, Error{"NSURLErrorDomain", -1004, "refused"});
+      } else if (!answer.status) {
+        completion(std::nullopt, std::nullopt, std::nullopt);
+      } else {
+        completion(Bytes{}, HTTPURLResponse{request.url, *answer.status, {}}, std::nullopt);
+      }
+    });
+  }
+  void invalidateAndCancel() override {}
+
+  void script(std::vector<Answer> answers) {
+    std::lock_guard lock(mutex_);
+    script_.assign(answers.begin(), answers.end());
+  }
+  std::vector<URLRequest> requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<URLRequest> requests_;
+  std::deque<Answer> script_;
+};
+
+ObjectType type(std::string_view identifier) {
+  return ObjectType::quantityType(identifier).value();
+}
+
+std::vector<Statistics> heartRates(Date from, int count, double average = 70) {
+  std::vector<Statistics> list;
+  for (int i = 0; i < count; ++i) {
+    StatisticsValues values;
+    values.average = average;
+    values.minimum = average - 10;
+    values.maximum = average + 10;
+    const auto start = from + minutes(15 * i);
+    list.emplace_back(type(kHeartRateIdentifier), start, start + minutes(15), values,
+                      std::vector<std::pair<Source, StatisticsValues>>{});
+  }
+  return list;
+}
+
+std::vector<Statistics> steps(Date start, Date end, double value) {
+  StatisticsValues values;
+  values.sum = value;
+  return {Statistics(type(kStepCountIdentifier), start, end, values, {})};
+}
+
+nlohmann::json body(const URLRequest& request) {
+  return nlohmann::json::parse(request.httpBody.value());
+}
+
+std::string schemaOf(const URLRequest& request) {
+  return body(request).at(0)["header"]["schema_id"]["name"];
+}
+
+class DataManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    test_ = testing::makeTestPlatform(dir_.path());
+    log_ = testing::CapturedLog::install();
+    session_ = std::make_shared<ScriptedSession>();
+    api_ =
+        std::make_shared<API>(*URLComponents::parse("https://kestrova.test/api/"), *test_.platform,
+                              [session = session_](URLSessionConfiguration) { return session; });
+    ProfileStore(test_.platform->defaults).store(Profile{"p1"});
+    TokenStore(test_.platform->secureStore, test_.platform->applicationIdentifier)
+        .saveToken("token-of-profile-p1", "p1");
+    manager_ = make(utc(2024, 1, 1));
+  }
+  void TearDown() override {
+    manager_.reset();
+    log_->uninstall();
+    installPlatform(nullptr);
+  }
+
+  std::shared_ptr<DataManager> make(std::optional<Date> startDate) {
+    return DataManager::make(*api_, startDate,
+                             DataManager::Environment{test_.platform->defaults, test_.clock,
+                                                      test_.platform->dispatcher});
+  }
+  std::shared_ptr<DispatchQueue> queue() const {
+    return test_.platform->dispatcher->sharedSerialQueue(DataManager::kStatisticsQueueLabel,
+                                                         QualityOfService::utility);
+  }
+
+  // Moves the clock and lets everything it set off finish: the ticks on the statistics queue,
+  // the requests on the API queue and the marking back on the statistics queue.
+  void advance(std::chrono::nanoseconds by) {
+    queue()->sync([] {});
+    test_.clock->advance(by);
+    settle();
+  }
+  void settle() {
+    queue()->sync([] {});
+    const auto deadline = std::chrono::steady_clock::now() + seconds(20);
+    while (api_->apiQueue()->operationCount() > 0 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+    queue()->sync([] {});
+  }
+  std::size_t sent() const { return session_->requests().size(); }
+
+  testing::TempDir dir_;
+  testing::TestPlatform test_;
+  std::shared_ptr<testing::CapturedLog> log_;
+  std::shared_ptr<ScriptedSession> session_;
+  std::shared_ptr<API> api_;
+  std::shared_ptr<DataManager> manager_;
+  const Date nine_ = utc(2024, 3, 1, 9);
+};
+
+TEST_F(DataManagerTest, BatchesOneSecondApartUploadOnceThreeSecondsAfterTheLast) {
+  for (int batch = 0; batch < 3; ++batch) {
+    manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(15 * batch), 1));
+    advance(seconds(1));
+  }
+  advance(milliseconds(1999));
+  EXPECT_EQ(sent(), 0u);
+  advance(milliseconds(1));
+  ASSERT_EQ(sent(), 1u);
+
+  const auto request = session_->requests()[0];
+  EXPECT_EQ(request.url, "https://kestrova.test/api/v1.3/ingest/bulk/");
+  EXPECT_EQ(request.httpMethod, "POST");
+  const HTTPHeaders expected = {{"Content-Type", "application/json"},
+                                {"Authorization", "Bearer token-of-profile-p1"},
+                                {"Source", "Apple"},
+                                {"Version", std::string(versionText())}};
+  EXPECT_EQ(request.headers, expected);
+  const auto points = body(request);
+  ASSERT_EQ(points.size(), 3u);
+  EXPECT_EQ(points[0]["header"]["id"], "p1-ks-heart-rate-sample-2024-03-01T10:00:00.000");
+  EXPECT_EQ(points[2]["header"]["id"], "p1-ks-heart-rate-sample-2024-03-01T10:30:00.000");
+  EXPECT_TRUE(log_->contains("Heart rate samples for profile p1 has been uploaded successfully"));
+
+  // Uploaded and unchanged: later ticks send nothing.
+  manager_->storeHeartRateStatistics(heartRates(nine_, 3));
+  advance(seconds(3));
+  EXPECT_EQ(sent(), 1u);
+}
+
+TEST_F(DataManagerTest, EachFamilyArmsOnlyItsOwnTimer) {
+  manager_->storeDailySummaryStatistics(steps(utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), 8000));
+  advance(seconds(3));
+  ASSERT_EQ(sent(), 1u);
+  EXPECT_EQ(schemaOf(session_->requests()[0]), "daily-summary");
+
+  manager_->storeDailyDetailStatistics(steps(nine_, nine_ + minutes(15), 120),
+                                       type(kStepCountIdentifier));
+  advance(seconds(3));
+  ASSERT_EQ(sent(), 2u);
+  EXPECT_EQ(schemaOf(session_->requests()[1]), "ks-daily-detail");
+  EXPECT_EQ(body(session_->requests()[1]).at(0)["body"]["step_count"], 120);
+  EXPECT_EQ(test_.clock->armedTimerCount(), 0u);
+}
+
+TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
+  struct Case {
+    const char* name;
+    Answer answer;
+    bool marked;
+  };
+  const Case cases[] = {
+      {"201", {201}, false},
+      {"204", {204}, false},
+      {"500", {500}, false},
+      {"transport error", {std::nullopt, true}, false},
+      {"no HTTP response", {std::nullopt}, true},
+  };
+  for (const auto& c : cases) {
+    test_.platform->defaults->removeObject(kHeartRateSamplesKey);
+    manager_ = make(utc(2024, 1, 1));
+    manager_->storeHeartRateStatistics(heartRates(nine_, 1));
+    session_->script({c.answer});
+    const auto before = sent();
+    advance(seconds(3));
+    ASSERT_EQ(sent(), before + 1) << c.name;
+
+    // The next tick, armed by an unchanged batch, resends only what was not marked.
+    manager_->storeHeartRateStatistics(heartRates(nine_, 1));
+    advance(seconds(3));
+    EXPECT_EQ(sent(), before + (c.marked ? 1 : 2)) << c.name;
+  }
+  EXPECT_TRUE(
+      log_->contains("Heart rate samples for profile p1 has NOT been uploaded successfully"));
+  EXPECT_TRUE(log_->contains("Error executing heart rate samples upload request: refused"));
+}
+
+TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
+  const auto count = static_cast<int>(DataManager::kMaximumDataPointsPerRequest) + 1;
+  manager_->storeHeartRateStatistics(heartRates(nine_, count));
+  session_->script({{200}, {503}});
+  advance(seconds(3));
+  ASSERT_EQ(sent(), 2u);
+  EXPECT_EQ(body(session_->requests()[0]).size(), DataManager::kMaximumDataPointsPerRequest);
+  EXPECT_EQ(body(session_->requests()[1]).size(), 1u);
+
+  manager_->storeHeartRateStatistics(heartRates(nine_, 1));
+  advance(seconds(3));
+  ASSERT_EQ(sent(), 3u);
+  const auto resent = body(session_->requests()[2]);
+  ASSERT_EQ(resent.size(), 1u);
+  EXPECT_EQ(resent[0], body(session_->requests()[1])[0]);
+}
+
+TEST_F(DataManagerTest, NothingIsSentWithoutAProfileOrAfterTheManagerIsGone) {
+  ProfileStore(test_.platform->defaults).remove();
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2));
+  advance(seconds(3));
+  EXPECT_EQ(sent(), 0u);
+
+  ProfileStore(test_.platform->defaults).store(Profile{"p1"});
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2));
+  manager_.reset();
+  advance(seconds(3));
+  EXPECT_EQ(sent(), 0u);
+  // Work already queued does not depend on the manager: the figures were recorded and are
+  // still new for the next manager.
+  auto next = make(utc(2024, 1, 1));
+  next->storeHeartRateStatistics(heartRates(nine_, 1));
+  advance(seconds(3));
+  ASSERT_EQ(sent(), 1u);
+  EXPECT_EQ(body(session_->requests()[0]).size(), 2u);
+}
+
+TEST_F(DataManagerTest, ConstructionSweepsLeftoverFilesAndPrunesOldStatistics) {
+  manager_->storeDailyDetailStatistics(steps(utc(2024, 2, 29, 22), utc(2024, 2, 29, 22, 15), 9),
+                                       type(kStepCountIdentifier));
+  manager_->storeDailyDetailStatistics(steps(nine_, nine_ + minutes(15), 10),
+                                       type(kStepCountIdentifier));
+  settle();
+  const auto fileServer = api_->fileServer();
+  for (bool bulk : {false, true}) {
+    auto written = std::make_shared<std::promise<void>>();
+    auto copy = fileServer;
+    copy.write(toBytes("[]"), copy.makeBatchComponents("body-", "p1", test_.clock->now()), bulk,
+               [written](auto) { written->set_value(); });
+    written->get_future().wait();
+  }
+  manager_.reset();
+
+  // Starting on 2024-03-01 (Berlin): the interval of 23:00 Berlin the day before goes.
+  manager_ = make(utc(2024, 3, 1, 12));
+  settle();
+  std::vector<std::string> urls;
+  for (const auto& request : session_->requests()) {
+    urls.push_back(request.url);
+  }
+  EXPECT_EQ(urls, (std::vector<std::string>{"https://kestrova.test/api/v1.3/ingest/",
+                                            "https://kestrova.test/api/v1.3/ingest/bulk/"}));
+  const auto kept = StatisticsStore(test_.platform->defaults, test_.clock, std::nullopt)
+                        .load("step-count-samples");
+  ASSERT_TRUE(kept);
+  ASSERT_EQ(kept->size(), 1u);
+  EXPECT_EQ(kept->begin()->first, "2024-03-01T09:00:00.000");
+
+  manager_->deleteAllStoredStatistics();
+  settle();
+  EXPECT_FALSE(test_.platform->defaults->data("step-count-samples"));
+}
+
+}  // namespace
+}  // namespace kestrova

@@ -1,0 +1,83 @@
+// The statistics records as data points, against hand-written JSON, and their stored forms.
+#include "statistics/statistics_records.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/test_support.h"
+
+namespace kestrova {
+namespace {
+
+using std::chrono::minutes;
+using testing::utc;
+
+nlohmann::json golden(const std::string& name) {
+  std::ifstream in(std::string(KESTROVA_STATISTICS_GOLDEN_DIR) + "/" + name);
+  return nlohmann::json::parse(in);
+}
+
+// Data point times are Berlin wall-clock times: 2024-03-01 is winter time (UTC+1), 2024-07-14
+// summer time (UTC+2).
+class StatisticsRecordsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { test_ = testing::makeTestPlatform(dir_.path()); }
+  void TearDown() override { installPlatform(nullptr); }
+
+  static DailySummary summary() {
+    DailySummary day;
+    day.date = "2024-03-01";
+    day.distance = 6100.5;
+    day.stepCount = 8042;
+    day.basalEnergyBurned = 1650;
+    day.activeEnergyBurned = 500;
+    day.totalEnergyBurned = 2150;
+    day.hasNewData = true;
+    return day;
+  }
+
+  testing::TempDir dir_;
+  testing::TestPlatform test_;
+};
+
+TEST_F(StatisticsRecordsTest, IntervalRecordsAreIdentifiedAndCreatedByTheirStart) {
+  const HeartRateSample heartRate{utc(2024, 3, 1, 9), utc(2024, 3, 1, 9, 15), 72.5, 60, 91, true};
+  EXPECT_EQ(encodeHeartRateSample(heartRate, "p1"), golden("heart_rate_sample.json"));
+
+  // Zero steps are still sent, and an interval ending at midnight ends on the next day.
+  const DailyDetailSample detail{
+      utc(2024, 7, 14, 21, 45), utc(2024, 7, 14, 22), 0, 812.5, 40.25, true};
+  EXPECT_EQ(encodeDailyDetailSample(detail, "p1"), golden("daily_detail_zero_steps.json"));
+}
+
+TEST_F(StatisticsRecordsTest, SummarySchemaDependsOnHeartRatesAndCreationOnTheClock) {
+  const auto encodedAt = utc(2024, 3, 2, 6, 30);
+  EXPECT_EQ(encodeDailySummary(summary(), "p1", encodedAt), golden("daily_summary.json"));
+
+  auto withHeartRates = summary();
+  withHeartRates.heartRates = {
+      HeartRate{utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), body::HeartRate::average, 68},
+      HeartRate{utc(2024, 3, 1, 5, 10), std::nullopt, std::nullopt, 55}};
+  EXPECT_EQ(encodeDailySummary(withHeartRates, "p1", encodedAt),
+            golden("daily_summary_with_heart_rate.json"));
+
+  // Encoded again later: only the creation time moves.
+  auto later = encodeDailySummary(summary(), "p1", encodedAt + minutes(90));
+  EXPECT_EQ(later["header"]["creation_date_time"], "2024-03-02T09:00:00.000");
+  later["header"]["creation_date_time"] = "2024-03-02T07:30:00.000";
+  EXPECT_EQ(later, golden("daily_summary.json"));
+}
+
+TEST_F(StatisticsRecordsTest, StoredDatesCountSecondsFrom2001) {
+  EXPECT_EQ(referenceSeconds(utc(2001, 1, 1)), 0.0);
+  EXPECT_EQ(referenceSeconds(utc(2001, 1, 2, 0, 0, 0, 500)), 86400.5);
+  EXPECT_EQ(referenceSeconds(utc(2000, 12, 31, 23, 59)), -60.0);
+  for (auto date : {utc(2024, 2, 29, 23, 59, 59, 999), utc(1999, 5, 5, 5, 5, 5, 5)}) {
+    EXPECT_EQ(dateFromReferenceSeconds(referenceSeconds(date)), date);
+  }
+}
+
+}  // namespace
+}  // namespace kestrova
