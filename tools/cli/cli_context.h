@@ -22,6 +22,12 @@ inline constexpr std::string_view kHealthStoreFile = "healthstore.sqlite";
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitSetupFailed = 3;
+// The configuration was refused: a malformed token or URL, or a token the back end rejects.
+inline constexpr int kExitRejected = 4;
+// The back end could not be reached, or failed to validate the profile for another reason.
+inline constexpr int kExitUnreachable = 5;
+// Upload files were still waiting when --timeout ran out; they stay for the next run.
+inline constexpr int kExitTimedOut = 6;
 
 struct CommonOptions {
   std::optional<std::filesystem::path> dataDirectory;

@@ -1,11 +1,14 @@
 // kestrova: the reference host command. Each subcommand registers itself here; the common
-// options (--data-dir, --verbose, --quiet) apply to all of them. Single-threaded apart from the
-// library's own threads.
+// options (--data-dir, --verbose, --quiet, --version) apply to all of them. Single-threaded apart
+// from the library's own threads.
 #include <CLI/CLI.hpp>
 
 #include "kestrova/version.h"
 #include "tools/cli/cli_context.h"
+#include "tools/cli/disconnect_command.h"
 #include "tools/cli/import_command.h"
+#include "tools/cli/status_command.h"
+#include "tools/cli/sync_command.h"
 
 namespace {
 
@@ -17,10 +20,19 @@ Examples:
   kestrova import ~/Downloads/apple_health_export            (the unpacked folder)
   kestrova import exportar.xml --data-dir /srv/kestrova/alice --json > summary.json
   kestrova import export.zip --quiet && echo imported
+  export KESTROVA_TOKEN=eyJ...        (keeps the token out of the shell history)
+  kestrova sync --url http://127.0.0.1:8080/api/ --since 2024-01-01 --json
+  kestrova sync --types 15,22 --timeout 60
+  kestrova status --json
+  kestrova pending
+  kestrova disconnect
 
-Exit codes: 0 success, 1 the import failed (the summary says where it stopped; what was
-added stays, and running the same command again completes it), 3 the data directory or
-the health store could not be opened.)";
+Exit codes: 0 success; 1 the command failed (an import says where it stopped: what was
+added stays, and running the same command again completes it); 3 the data directory or
+the health store could not be opened; 4 the token or URL was refused (malformed, or the
+back end answered 403); 5 the back end could not be reached or could not validate the
+profile; 6 upload files were still pending when --timeout ran out (they stay for the next
+sync). Usage errors exit with CLI11's codes and a message.)";
 
 }  // namespace
 
@@ -37,6 +49,10 @@ int main(int argc, char** argv) {
   kestrova::cli::addCommonOptions(app, common);
   int exitCode = kestrova::cli::kExitOk;
   kestrova::cli::addImportCommand(app, common, &exitCode);
+  kestrova::cli::addSyncCommand(app, common, &exitCode);
+  kestrova::cli::addStatusCommand(app, common, &exitCode);
+  kestrova::cli::addPendingCommand(app, common, &exitCode);
+  kestrova::cli::addDisconnectCommand(app, common, &exitCode);
 
   try {
     app.parse(argc, argv);

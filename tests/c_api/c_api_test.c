@@ -1,0 +1,241 @@
+/* The C API end to end, compiled as C: a host that only has kestrova.h configures, connects
+ * and disconnects against the reference server, and the data it holds arrives there. */
+#define _POSIX_C_SOURCE 200809L
+
+#include <math.h>
+#include <pthread.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "kestrova/kestrova.h"
+#include "tests/c_api/server_harness.h"
+
+#define DEADLINE_SECONDS 20.0
+#define LIBRARY_DOMAIN "KestrovaLib.KestrovaHealthKitError"
+#define PROFILE "c-profile"
+
+static int failures = 0;
+
+#define CHECK(condition)                                                            \
+  do {                                                                              \
+    if (!(condition)) {                                                             \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
+      ++failures;                                                                   \
+    }                                                                               \
+  } while (0)
+
+typedef struct outcome {
+  atomic_int calls;
+  bool success;
+  char domain[128];
+  int code;
+  char description[512];
+} outcome;
+
+static void record(void* user_data, bool success, const kestrova_error* error) {
+  outcome* result = user_data;
+  result->success = success;
+  result->domain[0] = '\0';
+  result->description[0] = '\0';
+  result->code = -1;
+  if (error != NULL) {
+    snprintf(result->domain, sizeof result->domain, "%s", error->domain);
+    snprintf(result->description, sizeof result->description, "%s", error->description);
+    result->code = error->code;
+  }
+  atomic_fetch_add(&result->calls, 1);
+}
+
+static double now_seconds(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (double)now.tv_sec + (double)now.tv_nsec / 1e9;
+}
+
+static void short_wait(void) {
+  struct timespec pause = {0, 10 * 1000 * 1000};
+  nanosleep(&pause, NULL);
+}
+
+static bool wait_for_call(outcome* result) {
+  double deadline = now_seconds() + DEADLINE_SECONDS;
+  while (atomic_load(&result->calls) == 0 && now_seconds() < deadline) {
+    short_wait();
+  }
+  return atomic_load(&result->calls) == 1;
+}
+
+static void reset(outcome* result) {
+  memset(result, 0, sizeof *result);
+  atomic_init(&result->calls, 0);
+}
+
+/* Every log line is searched for the tokens in use: none may ever show up. */
+static pthread_mutex_t log_mutex = PTHREAD_MUTEX_INITIALIZER;
+static const char* secrets[2];
+static int log_lines = 0;
+static int leaked_lines = 0;
+
+static void collect_log(void* user_data, kestrova_log_level level, const char* category,
+                        const char* message) {
+  (void)level;
+  (void)category;
+  CHECK(user_data == &log_lines);
+  pthread_mutex_lock(&log_mutex);
+  ++log_lines;
+  for (size_t i = 0; i < sizeof secrets / sizeof secrets[0]; ++i) {
+    if (secrets[i] != NULL && strstr(message, secrets[i]) != NULL) {
+      ++leaked_lines;
+    }
+  }
+  pthread_mutex_unlock(&log_mutex);
+}
+
+static void expect_refused(const kestrova_config_values* values, const char* described) {
+  outcome never;
+  reset(&never);
+  kestrova_error error = {NULL, 0, NULL};
+  CHECK(!kestrova_library_configure(values, record, &never, &error));
+  CHECK(error.domain != NULL && strcmp(error.domain, KESTROVA_C_ERROR_DOMAIN) == 0);
+  CHECK(error.code == KESTROVA_C_ERROR_INVALID_ARGUMENT);
+  CHECK(error.description != NULL && strstr(error.description, described) != NULL);
+  kestrova_error_clear(&error);
+  CHECK(error.domain == NULL && error.description == NULL);
+  /* Completions run in order on the main queue: once a later one has arrived, a refused call
+   * has had every chance to call its own. */
+  outcome later;
+  reset(&later);
+  kestrova_library_connect(record, &later);
+  CHECK(wait_for_call(&later));
+  CHECK(atomic_load(&never.calls) == 0);
+}
+
+static void test_refused_arguments(void) {
+  CHECK(kestrova_status_get() == KESTROVA_STATUS_DISCONNECTED);
+  CHECK(kestrova_profile_id_copy() == NULL);
+  const int out_of_range[] = {3, 25};
+  const int negative[] = {-1};
+  const int valid[] = {3};
+  double not_a_date = NAN;
+
+  kestrova_config_values values = {.token = "t", .data_types = out_of_range, .data_type_count = 2};
+  expect_refused(&values, "25");
+  values.data_types = negative;
+  values.data_type_count = 1;
+  expect_refused(&values, "-1");
+  values.data_types = NULL;
+  values.data_type_count = 3;
+  expect_refused(&values, "data_type_count");
+  values.data_types = valid;
+  values.data_type_count = 1;
+  values.start_date = &not_a_date;
+  expect_refused(&values, "start date");
+  values.start_date = NULL;
+  values.token = NULL;
+  expect_refused(&values, "token");
+  expect_refused(NULL, "values");
+  /* An error_out of NULL is allowed. */
+  CHECK(!kestrova_library_configure(NULL, record, NULL, NULL));
+}
+
+static void test_library_errors_reach_c(void) {
+  outcome result;
+  reset(&result);
+  kestrova_config_values values = {.token = "not-a-token", .url = harness_server_url()};
+  CHECK(kestrova_library_configure(&values, record, &result, NULL));
+  CHECK(wait_for_call(&result));
+  CHECK(!result.success);
+  CHECK(strcmp(result.domain, LIBRARY_DOMAIN) == 0);
+  CHECK(result.code == KESTROVA_ERROR_INVALID_TOKEN);
+  CHECK(strlen(result.description) > 0);
+
+  /* Well formed, but the back end refuses it: configure passes, connect does not. */
+  char* foreign = harness_foreign_token_for(PROFILE);
+  secrets[1] = foreign;
+  values.token = foreign;
+  reset(&result);
+  CHECK(kestrova_library_configure(&values, record, &result, NULL));
+  CHECK(wait_for_call(&result));
+  CHECK(result.success);
+  reset(&result);
+  kestrova_library_connect(record, &result);
+  CHECK(wait_for_call(&result));
+  CHECK(!result.success);
+  CHECK(strcmp(result.domain, LIBRARY_DOMAIN) == 0);
+  CHECK(result.code == KESTROVA_ERROR_FAILED_TO_VALIDATE_PROFILE);
+  CHECK(kestrova_status_get() != KESTROVA_STATUS_CONNECTED);
+  CHECK(kestrova_profile_id_copy() == NULL);
+}
+
+static void test_connect_delivers_and_disconnect_forgets(const char* data_directory) {
+  double now = (double)time(NULL);
+  CHECK(harness_seed_body_mass(data_directory, now - 86400.0));
+  char* token = harness_token_for(PROFILE);
+  secrets[0] = token;
+  double start = now - 2 * 86400.0;
+  kestrova_config_values values = {
+      .token = token, .url = harness_server_url(), .start_date = &start};
+
+  outcome result;
+  reset(&result);
+  CHECK(kestrova_library_configure(&values, record, &result, NULL));
+  CHECK(wait_for_call(&result));
+  CHECK(result.success);
+  reset(&result);
+  kestrova_library_connect(record, &result);
+  CHECK(wait_for_call(&result));
+  CHECK(result.success);
+  CHECK(kestrova_status_get() == KESTROVA_STATUS_CONNECTED);
+  char* profile = kestrova_profile_id_copy();
+  CHECK(profile != NULL && strcmp(profile, PROFILE) == 0);
+  kestrova_string_free(profile);
+  CHECK(kestrova_health_data_can_connect());
+
+  double deadline = now_seconds() + DEADLINE_SECONDS;
+  while (harness_data_point_count(PROFILE) == 0 && now_seconds() < deadline) {
+    short_wait();
+  }
+  CHECK(harness_data_point_count(PROFILE) >= 1);
+
+  kestrova_library_disconnect();
+  CHECK(kestrova_status_get() == KESTROVA_STATUS_DISCONNECTED);
+  CHECK(kestrova_profile_id_copy() == NULL);
+}
+
+int main(void) {
+  char directory[] = "/tmp/kestrova-c-api-XXXXXX";
+  if (mkdtemp(directory) == NULL || !harness_server_start()) {
+    fprintf(stderr, "c_api_test: cannot set up the directory or the server\n");
+    return 1;
+  }
+  kestrova_error error = {NULL, 0, NULL};
+  CHECK(kestrova_platform_install(directory, "com.example.c", &error));
+  kestrova_error_clear(&error);
+  kestrova_log_set_level(KESTROVA_LOG_DEBUG);
+  kestrova_log_set_callback(collect_log, &log_lines);
+
+  test_refused_arguments();
+  test_library_errors_reach_c();
+  test_connect_delivers_and_disconnect_forgets(directory);
+
+  kestrova_log_set_callback(NULL, NULL);
+  pthread_mutex_lock(&log_mutex);
+  CHECK(log_lines > 0);
+  CHECK(leaked_lines == 0);
+  pthread_mutex_unlock(&log_mutex);
+  harness_server_stop();
+  free((void*)secrets[0]);
+  free((void*)secrets[1]);
+
+  char command[128];
+  snprintf(command, sizeof command, "rm -rf %s", directory);
+  if (system(command) != 0) {
+    fprintf(stderr, "c_api_test: could not remove %s\n", directory);
+  }
+  printf(failures == 0 ? "[  PASSED  ] c_api_test\n" : "[  FAILED  ] c_api_test: %d checks\n",
+         failures);
+  return failures == 0 ? 0 : 1;
+}

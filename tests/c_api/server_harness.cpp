@@ -1,0 +1,104 @@
+#include "tests/c_api/server_harness.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "healthstore/embedded_health_store.h"
+#include "platform/dispatch.h"
+#include "server/jwt.h"
+#include "server/server.h"
+
+namespace {
+
+constexpr std::string_view kSecret = "c-api-test-secret";
+constexpr std::string_view kForeignSecret = "some-other-secret";
+
+std::unique_ptr<kestrova::server::KestrovaServer>& server() {
+  static std::unique_ptr<kestrova::server::KestrovaServer> instance;
+  return instance;
+}
+
+std::string& url() {
+  static std::string text;
+  return text;
+}
+
+char* copy(const std::string& text) {
+  char* result = static_cast<char*>(std::malloc(text.size() + 1));
+  if (result != nullptr) {
+    std::memcpy(result, text.c_str(), text.size() + 1);
+  }
+  return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+bool harness_server_start(void) {
+  kestrova::server::ServerOptions options;
+  options.secret = std::string(kSecret);
+  auto started = kestrova::server::KestrovaServer::start(std::move(options));
+  if (!started) {
+    return false;
+  }
+  server() = std::move(started).value();
+  url() = server()->baseUrl();
+  return true;
+}
+
+void harness_server_stop(void) {
+  server().reset();
+}
+
+const char* harness_server_url(void) {
+  return url().c_str();
+}
+
+char* harness_token_for(const char* profile) {
+  return copy(server()->tokenFor(profile));
+}
+
+char* harness_foreign_token_for(const char* profile) {
+  return copy(kestrova::server::mintToken(kForeignSecret, profile));
+}
+
+size_t harness_data_point_count(const char* profile) {
+  return server()->dataPoints(profile).size();
+}
+
+bool harness_seed_body_mass(const char* data_directory, double seconds_since_1970) {
+  using namespace kestrova;
+  try {
+    auto dispatcher = makeDispatcher();
+    EmbeddedHealthStoreOptions options;
+    options.path = std::filesystem::path(data_directory) / "healthstore.sqlite";
+    options.dispatcher = dispatcher;
+    auto store = EmbeddedHealthStore::open(std::move(options));
+    if (!store) {
+      return false;
+    }
+    const Date when(std::chrono::duration_cast<Date::duration>(
+        std::chrono::duration<double>(seconds_since_1970)));
+    SampleProperties properties;
+    properties.startDate = when;
+    properties.endDate = when;
+    properties.sourceRevision =
+        SourceRevision{Source{"Scale", "com.example.scale"}, "1.0", "Scale1,1", {1, 0, 0}};
+    auto sample =
+        QuantitySample::make(ObjectType::quantityType("HKQuantityTypeIdentifierBodyMass").value(),
+                             Quantity(Unit::fromString("kg").value(), 70.5), properties);
+    if (!sample) {
+      return false;
+    }
+    return store.value()->saveObjects({sample.value()}).ok();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+}  // extern "C"
