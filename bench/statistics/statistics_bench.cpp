@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -44,6 +45,15 @@ constexpr std::string_view kZone = "Europe/Berlin";
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Processor time of the whole process (the in-process server's included): unlike the wall
+// time, it does not grow when other programs compete for the processors.
+double cpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 long peakKilobytes() {
@@ -224,15 +234,20 @@ std::shared_ptr<DispatchQueue> statisticsQueue(const Setup& setup) {
                                                        QualityOfService::utility);
 }
 
-std::size_t newRecords(const StatisticsStore& store) {
-  std::size_t count = 0;
+// New records per family: heart rate samples, 15-minute details, daily summaries.
+std::array<std::size_t, 3> newRecords(const StatisticsStore& store) {
+  std::array<std::size_t, 3> counts{};
   for (const auto& r : store.heartRateSamples())
-    count += r.hasNewData;
+    counts[0] += r.hasNewData;
   for (const auto& r : store.dailyDetailSamples())
-    count += r.hasNewData;
+    counts[1] += r.hasNewData;
   for (const auto& r : store.dailySummaries())
-    count += r.hasNewData;
-  return count;
+    counts[2] += r.hasNewData;
+  return counts;
+}
+
+std::size_t total(const std::array<std::size_t, 3>& counts) {
+  return counts[0] + counts[1] + counts[2];
 }
 
 int runSize(int days) {
@@ -242,6 +257,7 @@ int runSize(int days) {
   const auto samples = generate(*setup.embedded, firstDay, days);
 
   const auto started = Clock::now();
+  const double cpuStarted = cpuSeconds();
   auto manager = DataManager::make(
       *setup.api, firstDay,
       DataManager::Environment{setup.platform->defaults, setup.clock, setup.platform->dispatcher});
@@ -253,29 +269,45 @@ int runSize(int days) {
   const auto queue = statisticsQueue(setup);
   queue->sync([] {});
   const double recorded = secondsSince(started);
+  const double recordedCpu = cpuSeconds() - cpuStarted;
 
   // Counting what is due is not part of the measured time.
   const StatisticsStore reader(setup.platform->defaults, setup.clock, firstDay);
-  std::size_t due = 0;
+  std::array<std::size_t, 3> due{};
   queue->sync([&] { due = newRecords(reader); });
+  std::int64_t expectedRequests = 0;
+  for (const auto count : due) {
+    expectedRequests +=
+        static_cast<std::int64_t>((count + DataManager::kMaximumDataPointsPerRequest - 1) /
+                                  DataManager::kMaximumDataPointsPerRequest);
+  }
   const auto uploadStarted = Clock::now();
+  const double uploadCpuStarted = cpuSeconds();
   setup.clock->advance(DataManager::kUploadDelay);
   // NOTE: the server's count of data points cannot tell the end: the two local 02:00 hours of
-  // the autumn clock change give interval records the same ids, which it stores once.
+  // the autumn clock change give interval records the same ids, which it stores once. Its
+  // request count can; reading the store while the ticks run would compete with them for the
+  // statistics queue, so it is read once the last answer is in, to see the marks.
   const auto deadline = Clock::now() + std::chrono::minutes(10);
-  std::size_t pending = due;
-  while (pending > 0 && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    queue->sync([&] { pending = newRecords(reader); });
+  while (setup.server->stats().requestCount < expectedRequests && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  const double total = recorded + secondsSince(uploadStarted);
+  std::size_t pending = total(due);
+  while (pending > 0 && Clock::now() < deadline) {
+    queue->sync([&] { pending = total(newRecords(reader)); });
+    if (pending > 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+  const double uploaded = secondsSince(uploadStarted);
+  const double uploadedCpu = cpuSeconds() - uploadCpuStarted;
   const auto stats = setup.server->stats();
   std::printf(
-      "%5d days  %8zu samples  pass %7.2f s  pass+upload %7.2f s  %7lld points  "
-      "%4lld requests  peak %7.1f MB%s\n",
-      days, samples, recorded, total, static_cast<long long>(stats.store.dataPoints),
-      static_cast<long long>(stats.requestCount), peakKilobytes() / 1024.0,
-      pending ? "  (NOT all uploaded)" : "");
+      "%5d days  %8zu samples  pass %6.2f s (cpu %6.2f s)  upload %6.2f s (cpu %6.2f s)  "
+      "%7lld points  %4lld requests  peak %7.1f MB%s\n",
+      days, samples, recorded, recordedCpu, uploaded, uploadedCpu,
+      static_cast<long long>(stats.store.dataPoints), static_cast<long long>(stats.requestCount),
+      peakKilobytes() / 1024.0, pending ? "  (NOT all uploaded)" : "");
   manager.reset();
   setup.server->stop();
   installPlatform(nullptr);
