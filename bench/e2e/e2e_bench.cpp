@@ -1,5 +1,6 @@
 // Delivers a generated export end to end and prints how long it took and what the server
-// holds per schema:
+// holds per schema; then imports the same export with one more day and times the delivery of
+// what it added (the incremental sync of a user's next export):
 //   kestrova-e2e-bench [--years N] [--dir D]
 #include <sys/resource.h>
 
@@ -7,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <map>
 #include <string>
 #include <thread>
 
@@ -35,6 +35,38 @@ long peakRssMegabytes() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss / 1024;
+}
+
+struct Delivery {
+  std::size_t dataPoints = 0;  // on the server in all
+  double seconds = 0;          // until the last of them arrived
+};
+
+// Delivered: nothing left to upload, and the server's count has stopped moving.
+Delivery waitForDelivery(const kestrova::server::KestrovaServer& server,
+                         const std::filesystem::path& dataDirectory, std::size_t before) {
+  const auto start = Clock::now();
+  const auto bulk = dataDirectory / "Kestrova" / "UploadBulk";
+  Delivery delivery{before, 0};
+  auto steadySince = Clock::now();
+  const auto deadline = Clock::now() + std::chrono::minutes(30);
+  for (;;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // The server's counters, not its data points: reading those back every time would cost
+    // more than the delivery being measured.
+    const auto total = static_cast<std::size_t>(server.stats().store.dataPoints);
+    const bool idle = !std::filesystem::exists(bulk) || std::filesystem::is_empty(bulk);
+    if (total != delivery.dataPoints || !idle) {
+      delivery.dataPoints = total;
+      steadySince = Clock::now();
+    }
+    if ((idle && total > before && Clock::now() - steadySince > kSettled) ||
+        Clock::now() > deadline) {
+      break;
+    }
+  }
+  delivery.seconds = secondsSince(start) - std::chrono::duration<double>(kSettled).count();
+  return delivery;
 }
 
 int fail(const std::string& message) {
@@ -121,35 +153,31 @@ int main(int argc, char** argv) {
     return fail("connect failed");
   }
 
-  // Delivered: nothing left to upload, and the server's count has stopped moving.
-  const auto bulk = dataDirectory / "Kestrova" / "UploadBulk";
-  std::size_t last = 0;
-  auto steadySince = Clock::now();
-  const auto deadline = Clock::now() + std::chrono::minutes(30);
-  for (;;) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const std::size_t total = (*server)->dataPoints("bench").size();
-    const bool idle = !std::filesystem::exists(bulk) || std::filesystem::is_empty(bulk);
-    if (total != last || !idle) {
-      last = total;
-      steadySince = Clock::now();
-    }
-    if ((idle && total > 0 && Clock::now() - steadySince > kSettled) || Clock::now() > deadline) {
-      break;
-    }
-  }
-  const double delivered = secondsSince(start) - std::chrono::duration<double>(kSettled).count();
-  std::map<std::string, std::size_t> bySchema;
-  for (const auto& point : (*server)->dataPoints("bench")) {
-    ++bySchema[point.schemaName];
-  }
-  std::printf("delivered %zu data points in %.1f s (peak RSS %ld MB)\n", last, delivered,
-              peakRssMegabytes());
-  for (const auto& [schema, count] : bySchema) {
-    std::printf("  %-45s %zu\n", schema.c_str(), count);
-  }
+  const auto delivery = waitForDelivery(**server, dataDirectory, 0);
   const auto stats = (*server)->stats();
-  std::printf("requests %lld\n", static_cast<long long>(stats.requestCount));
+  std::printf("delivered %zu data points in %.1f s (peak RSS %ld MB)\n", delivery.dataPoints,
+              delivery.seconds, peakRssMegabytes());
+  for (const auto& [schema, count] : stats.store.bySchema) {
+    std::printf("  %-45s %lld\n", schema.c_str(), static_cast<long long>(count));
+  }
+  std::printf("requests %lld, duplicates %lld\n", static_cast<long long>(stats.requestCount),
+              static_cast<long long>(stats.store.duplicates));
+
+  generator.days = 365 * years + 1;
+  auto next = kestrova::bench::generateExport(dir / "export-next", generator);
+  if (!next) {
+    return fail(next.error().text());
+  }
+  start = Clock::now();
+  const auto nextSummary = importer.importExport(next->xml);
+  if (!nextSummary.ok()) {
+    return fail("import of the next export failed");
+  }
+  std::printf("next export (one more day): imported in %.1f s, %llu records added\n",
+              secondsSince(start), static_cast<unsigned long long>(nextSummary.added));
+  const auto increment = waitForDelivery(**server, dataDirectory, delivery.dataPoints);
+  std::printf("incremental sync: %zu more data points in %.1f s (peak RSS %ld MB)\n",
+              increment.dataPoints - delivery.dataPoints, increment.seconds, peakRssMegabytes());
   Kestrova::disconnect();
   return 0;
 }

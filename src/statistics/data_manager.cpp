@@ -1,6 +1,7 @@
 #include "statistics/data_manager.h"
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 #include <utility>
 
@@ -36,6 +37,22 @@ constexpr FamilyTexts kDailySummaryTexts{
     "Daily summaries for profile %@ has been uploaded successfully",
     "Daily summaries for profile %@ has NOT been uploaded successfully"};
 
+// The accepted requests of one tick, marked together when the tick ends: one load and save per
+// key for the tick instead of one per request, which made a first upload of years of figures
+// quadratic. The tick ends when the last of its requests is done with, answered or dropped
+// unanswered (an operation cancelled before it starts never completes), so the family's next
+// tick cannot wait forever. `accepted` is owned by the statistics queue.
+template <class Record>
+struct TickMarks {
+  std::vector<Record> accepted;
+  std::function<void(std::vector<Record>)> finish;
+
+  TickMarks() = default;
+  TickMarks(const TickMarks&) = delete;
+  TickMarks& operator=(const TickMarks&) = delete;
+  ~TickMarks() { finish(std::move(accepted)); }
+};
+
 }  // namespace
 
 std::shared_ptr<DataManager> DataManager::make(API api, std::optional<Date> startDate,
@@ -70,24 +87,41 @@ Timer& DataManager::timer(Family family) {
     // NOTE: the tick runs on the statistics queue rather than a concurrent one, so it reads
     // the store only between whole batches and never misses a result still queued.
     slot = environment_.clock->makeTimer(queue_, [weak = weak_from_this(), family] {
-      auto self = weak.lock();
-      if (!self) {
-        return;
-      }
-      switch (family) {
-        case Family::heartRateSamples:
-          self->uploadHeartRateSamples();
-          break;
-        case Family::dailyDetailSamples:
-          self->uploadDailyDetailSamples();
-          break;
-        case Family::dailySummaries:
-          self->uploadDailySummaries();
-          break;
+      if (auto self = weak.lock()) {
+        self->tick(family);
       }
     });
   }
   return *slot;
+}
+
+void DataManager::tick(Family family) {
+  // NOTE: one tick of a family at a time: a tick while the previous one is unanswered would
+  // send again everything that is not marked yet. It runs once the last answer is in.
+  auto& state = ticks_[static_cast<std::size_t>(family)];
+  if (state.running) {
+    state.again = true;
+    return;
+  }
+  switch (family) {
+    case Family::heartRateSamples:
+      uploadHeartRateSamples();
+      break;
+    case Family::dailyDetailSamples:
+      uploadDailyDetailSamples();
+      break;
+    case Family::dailySummaries:
+      uploadDailySummaries();
+      break;
+  }
+}
+
+void DataManager::tickAnswered(Family family) {
+  auto& state = ticks_[static_cast<std::size_t>(family)];
+  state.running = false;
+  if (std::exchange(state.again, false)) {
+    tick(family);
+  }
 }
 
 void DataManager::storeHeartRateStatistics(std::vector<Statistics> statistics) {
@@ -147,19 +181,27 @@ void DataManager::upload(Family family, std::vector<Record> records, const Encod
     return;
   }
   std::erase_if(records, [](const Record& record) { return !record.hasNewData; });
+  if (records.empty()) {
+    return;
+  }
   // Taken on the statistics queue after the read: a figure stored later is updated after
   // this time and stays new even once this upload is marked.
   const auto tickTime = environment_.clock->now();
-  // The accepted requests of a tick are marked together once the last one is answered: one
-  // load and save per key for the tick instead of one per request, which made a first upload
-  // of years of figures quadratic. Owned by the statistics queue.
-  struct TickMarks {
-    std::vector<Record> accepted;
-    std::size_t unanswered = 0;
+  auto marks = std::make_shared<TickMarks<Record>>();
+  marks->finish = [weak = weak_from_this(), store = store_, queue = queue_, family,
+                   tickTime](std::vector<Record> accepted) {
+    queue->async([weak, store, family, tickTime, accepted = std::move(accepted)] {
+      auto self = weak.lock();
+      if (!self) {
+        return;
+      }
+      if (!accepted.empty()) {
+        store->markUploaded(accepted, tickTime);
+      }
+      self->tickAnswered(family);
+    });
   };
-  auto marks = std::make_shared<TickMarks>();
-  marks->unanswered =
-      (records.size() + kMaximumDataPointsPerRequest - 1) / kMaximumDataPointsPerRequest;
+  ticks_[static_cast<std::size_t>(family)].running = true;
   for (std::size_t first = 0; first < records.size(); first += kMaximumDataPointsPerRequest) {
     const auto last = std::min(records.size(), first + kMaximumDataPointsPerRequest);
     std::vector<Record> sent(records.begin() + static_cast<std::ptrdiff_t>(first),
@@ -174,38 +216,29 @@ void DataManager::upload(Family family, std::vector<Record> records, const Encod
     try {
       info.body = toBytes(points.dump());
     } catch (const std::exception& e) {
-      // Never sent, so never answered; the other requests of the tick still go.
+      // Never sent; the other requests of the tick still go.
       logError(kCategory, texts.error, {e.what()});
-      --marks->unanswered;
       continue;
     }
     info.extraHeaders = HTTPHeaders{{std::string(kSourceHeader), std::string(kSourceValue)},
                                     {std::string(kVersionHeader), std::string(versionText())}};
-    auto completion = [weak = weak_from_this(), store = store_, queue = queue_, texts, marks,
-                       profileId = profile->id, sent = std::move(sent),
-                       tickTime](std::optional<Bytes>, std::optional<HTTPURLResponse> response,
-                                 std::optional<Error> error) mutable {
-      bool accepted = false;
+    auto completion = [queue = queue_, texts, marks, profileId = profile->id,
+                       sent = std::move(sent)](std::optional<Bytes>,
+                                               std::optional<HTTPURLResponse> response,
+                                               std::optional<Error> error) mutable {
       if (error) {
         logError(kCategory, texts.error, {error->description});
-      } else if (response && response->statusCode != kStatusOK) {
-        // A completion without an HTTP answer counts as success, as for the upload files.
-        logError(kCategory, texts.failure, {profileId});
-      } else {
-        logInfo(kCategory, texts.success, {profileId});
-        accepted = true;
-      }
-      if (!weak.lock()) {
         return;
       }
-      queue->async([store, marks, sent = std::move(sent), accepted, tickTime]() mutable {
-        if (accepted) {
-          marks->accepted.insert(marks->accepted.end(), std::make_move_iterator(sent.begin()),
-                                 std::make_move_iterator(sent.end()));
-        }
-        if (--marks->unanswered == 0 && !marks->accepted.empty()) {
-          store->markUploaded(marks->accepted, tickTime);
-        }
+      // A completion without an HTTP answer counts as success, as for the upload files.
+      if (response && response->statusCode != kStatusOK) {
+        logError(kCategory, texts.failure, {profileId});
+        return;
+      }
+      logInfo(kCategory, texts.success, {profileId});
+      queue->async([marks, sent = std::move(sent)]() mutable {
+        marks->accepted.insert(marks->accepted.end(), std::make_move_iterator(sent.begin()),
+                               std::make_move_iterator(sent.end()));
       });
     };
     // NOTE: the operation carries the profile's token so that the request is authorised with

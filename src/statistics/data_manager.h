@@ -7,6 +7,7 @@
 //   manager->storeHeartRateStatistics(collection.statistics());      // upload 3 s later
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -69,6 +70,8 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   Timer& dailySummaryTimer() { return timer(Family::dailySummaries); }
 
   // The upload ticks; on the statistics queue.
+  void tick(Family family);
+  void tickAnswered(Family family);
   void uploadHeartRateSamples();
   void uploadDailyDetailSamples();
   void uploadDailySummaries();
@@ -79,7 +82,13 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   const Environment environment_;
   const std::shared_ptr<StatisticsStore> store_;
   const std::shared_ptr<DispatchQueue> queue_;
-  std::mutex mutex_;  // owns the three timers
+  // Whether a family's tick still waits for answers, and whether another tick came meanwhile.
+  struct TickState {
+    bool running = false;
+    bool again = false;
+  };
+  std::array<TickState, 3> ticks_;  // owned by the statistics queue
+  std::mutex mutex_;                // owns the three timers
   std::unique_ptr<Timer> heartRateSamplesTimer_;
   std::unique_ptr<Timer> dailyDetailSamplesTimer_;
   std::unique_ptr<Timer> dailySummaryTimer_;

@@ -28,8 +28,9 @@ struct Answer {
   bool transportError = false;
 };
 
-// Records every request and completes it at once with the next scripted answer (200 when the
-// script is empty). Its mutex owns the requests and the script.
+// Records every request and completes it with the next scripted answer (200 when the script is
+// empty): at once, or on release() while held. Its mutex owns the requests, the script and the
+// held answers.
 class ScriptedSession : public URLSession {
  public:
   class Task : public URLSessionDataTask {
@@ -48,6 +49,13 @@ class ScriptedSession : public URLSession {
       Answer answer{200};
       {
         std::lock_guard lock(mutex_);
+        if (hold_) {
+          held_.push_back([request, completion] {
+            completion(Bytes{}, HTTPURLResponse{request.url, 200, {}}, std::nullopt);
+          });
+          requests_.push_back(request);
+          return;
+        }
         requests_.push_back(request);
         if (!script_.empty()) {
           answer = script_.front();
@@ -73,9 +81,27 @@ class ScriptedSession : public URLSession {
     std::lock_guard lock(mutex_);
     return requests_;
   }
+  void hold() {
+    std::lock_guard lock(mutex_);
+    hold_ = true;
+  }
+  // Answers the held requests with 200 and answers the next ones at once.
+  void release() {
+    std::vector<std::function<void()>> held;
+    {
+      std::lock_guard lock(mutex_);
+      hold_ = false;
+      held.swap(held_);
+    }
+    for (const auto& answer : held) {
+      answer();
+    }
+  }
 
  private:
   mutable std::mutex mutex_;
+  bool hold_ = false;
+  std::vector<std::function<void()>> held_;
   std::vector<URLRequest> requests_;
   std::deque<Answer> script_;
 };
@@ -260,6 +286,29 @@ TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
   const auto resent = body(session_->requests()[2]);
   ASSERT_EQ(resent.size(), 1u);
   EXPECT_EQ(resent[0], body(session_->requests()[1])[0]);
+}
+
+TEST_F(DataManagerTest, ATickWaitsUntilThePreviousTickOfItsFamilyIsAnswered) {
+  session_->hold();
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2));
+  queue()->sync([] {});
+  test_.clock->advance(seconds(3));
+  const auto deadline = std::chrono::steady_clock::now() + seconds(20);
+  while (sent() == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  ASSERT_EQ(sent(), 1u);
+  manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(30), 1));
+  queue()->sync([] {});
+  test_.clock->advance(seconds(3));
+  queue()->sync([] {});
+  EXPECT_EQ(sent(), 1u);
+
+  // Once answered, the first two are marked and only the third goes.
+  session_->release();
+  settle();
+  ASSERT_EQ(sent(), 2u);
+  EXPECT_EQ(body(session_->requests()[1]).size(), 1u);
 }
 
 TEST_F(DataManagerTest, NothingIsSentWithoutAProfileOrAfterTheManagerIsGone) {
