@@ -116,15 +116,16 @@ AggregationStyle ObjectType::aggregationStyle() const {
 }
 
 Unit ObjectType::canonicalUnit() const {
-  // Parsed once: statistics and saves ask for it per sample.
-  static const std::vector<Unit> kUnits = [] {
-    std::vector<Unit> units;
+  // Parsed once: statistics and saves ask for it per sample. Never destroyed: library threads
+  // may still ask while the host process exits.
+  static const auto* const kUnits = [] {
+    auto* units = new std::vector<Unit>;
     for (const ObjectTypeInfo& info : kTypes) {
-      units.push_back(Unit::fromString(info.unit).value());
+      units->push_back(Unit::fromString(info.unit).value());
     }
     return units;
   }();
-  return kUnits[static_cast<std::size_t>(info_ - kTypes.data())];
+  return (*kUnits)[static_cast<std::size_t>(info_ - kTypes.data())];
 }
 
 }  // namespace kestrova

@@ -47,7 +47,9 @@ std::optional<Factor> nonSiSymbol(std::string_view symbol) {
     std::string_view symbol;
     Factor factor;
   };
-  static const std::vector<Entry> kTable = {
+  // Never destroyed, like every table here: library threads may still convert while the host
+  // process exits.
+  static const auto& kTable = *new const std::vector<Entry>{
       {"oz", dimension({{kMass, 1}}, 28.3495)},
       {"lb", dimension({{kMass, 1}}, 453.592)},
       {"st", dimension({{kMass, 1}}, 6350.0)},
@@ -85,7 +87,7 @@ std::optional<Factor> nonSiSymbol(std::string_view symbol) {
 }
 
 std::optional<double> prefixValue(std::string_view prefix) {
-  static const std::vector<std::pair<std::string_view, double>> kPrefixes = {
+  static const auto& kPrefixes = *new const std::vector<std::pair<std::string_view, double>>{
       {"", 1},     {"da", 1e1}, {"h", 1e2},  {"k", 1e3},   {"M", 1e6},  {"G", 1e9},   {"T", 1e12},
       {"d", 1e-1}, {"c", 1e-2}, {"m", 1e-3}, {"mc", 1e-6}, {"n", 1e-9}, {"p", 1e-12}, {"f", 1e-15}};
   for (auto [name, value] : kPrefixes) {
@@ -119,7 +121,7 @@ std::optional<Factor> siSymbol(std::string_view symbol) {
     std::string_view symbol;
     Factor factor;
   };
-  static const std::vector<Entry> kBase = {
+  static const auto& kBase = *new const std::vector<Entry>{
       {"g", dimension({{kMass, 1}}, 1)},
       {"m", dimension({{kLength, 1}}, 1)},
       {"L", kLiter},
