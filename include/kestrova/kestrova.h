@@ -6,16 +6,21 @@
  *    them) or owned by the caller, who frees them with kestrova_string_free(); each function
  *    says which.
  *  - Completions and the log callback receive the user-data pointer they were registered with,
- *    untouched. Completions run exactly once, on the library's main queue (a thread of the
- *    library's own unless the host installed an executor), never on the calling thread before
- *    the call returns. The log callback may run on any thread, concurrently.
+ *    untouched. Completions run exactly once, on the library's main queue, never on the calling
+ *    thread before the call returns. The main queue is a thread of the library's own, or the
+ *    host's loop once kestrova_main_executor_install() has handed it over. The log callback may
+ *    run on any thread, concurrently.
  *  - An error is a domain, an integer code and an English description. Errors of the library
  *    have the domain KestrovaLib.KestrovaHealthKitError and the codes KESTROVA_ERROR_*; an
  *    argument the C layer refuses has the domain KESTROVA_C_ERROR_DOMAIN.
  *  - No function aborts or lets a C++ exception out: an unexpected failure is logged and
  *    reported as an error or as the documented fallback value.
  *  - The library is one shared instance that lives until the process ends; nothing needs to be
- *    torn down. kestrova_platform_install() must come before any other call that uses it.
+ *    torn down. The setup calls, kestrova_platform_install() and then
+ *    kestrova_main_executor_install(), come before the first call that uses the library
+ *    (configure, connect, disconnect, status, profile id, can-connect): that call makes the
+ *    instance, on the platform installed at that moment, for good. An executor offered later is
+ *    refused with KESTROVA_C_ERROR_TOO_LATE and completions stay on the library's thread.
  *  - Pointers are non-null unless a parameter says "nullable".
  *
  *   static void connected(void* ctx, bool ok, const kestrova_error* error) { ... }
@@ -42,6 +47,8 @@ extern "C" {
 #define KESTROVA_C_ERROR_DOMAIN "KestrovaLib.CAPI"
 #define KESTROVA_C_ERROR_INVALID_ARGUMENT 1
 #define KESTROVA_C_ERROR_UNEXPECTED 2
+/* A setup call made after the library was first used. */
+#define KESTROVA_C_ERROR_TOO_LATE 3
 
 /* Codes of the domain KestrovaLib.KestrovaHealthKitError. */
 #define KESTROVA_ERROR_AUTHORIZATION_NOT_GRANTED 0
@@ -86,6 +93,13 @@ typedef void (*kestrova_completion)(void* user_data, bool success, const kestrov
 typedef void (*kestrova_log_callback)(void* user_data, kestrova_log_level level,
                                       const char* category, const char* message);
 
+/* One item of main-queue work; the host runs it by calling work(work_context). */
+typedef void (*kestrova_work)(void* work_context);
+/* The host's loop: keeps work and work_context to run later, on the host's own thread, and
+ * returns without running it. The host runs every item exactly once, in the order received, one
+ * at a time; an item never run keeps its completion from arriving and its memory. */
+typedef void (*kestrova_main_executor)(void* user_data, kestrova_work work, void* work_context);
+
 typedef struct kestrova_config_values {
   const char* token;
   /* Nullable: the service's endpoint. */
@@ -99,10 +113,19 @@ typedef struct kestrova_config_values {
 } kestrova_config_values;
 
 /* Chooses the data directory and the application identifier (both nullable: the defaults)
- * before first use. False, with error_out (nullable) filled, when the directory cannot be
- * set up. */
+ * before first use, keeping an executor installed earlier. False, with error_out (nullable)
+ * filled, when the directory cannot be set up. */
 bool kestrova_platform_install(const char* data_directory, const char* application_id,
                                kestrova_error* error_out) KESTROVA_NOEXCEPT;
+
+/* Runs the library's main queue, and so every completion, on the host's loop: from now on the
+ * library hands each main-queue item to executor, with user_data untouched. Call it after
+ * kestrova_platform_install(), whose data directory and application identifier it keeps
+ * (without that call it sets up the defaults). False, with error_out (nullable) filled and
+ * nothing changed, for a null executor, when the directory cannot be set up, or when the
+ * library has already been used (KESTROVA_C_ERROR_TOO_LATE). */
+bool kestrova_main_executor_install(kestrova_main_executor executor, void* user_data,
+                                    kestrova_error* error_out) KESTROVA_NOEXCEPT;
 
 /* Validates and installs the configuration. False, with error_out (nullable) filled and the
  * completion never called, when the C layer refuses the values; otherwise the completion

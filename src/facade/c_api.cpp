@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,6 +31,9 @@ constexpr std::string_view kMissingDataTypes = "data_types is null but data_type
 constexpr std::string_view kBadDataType = "Data type %{public}@ is outside 0...24";
 constexpr std::string_view kBadStartDate = "The start date is not a finite number of seconds";
 constexpr std::string_view kPlatformFailed = "The data directory could not be set up: %{public}@";
+constexpr std::string_view kMissingExecutor = "The executor is missing";
+constexpr std::string_view kTooLate =
+    "The library is already in use; setup calls come before the first call that uses it";
 
 char* copyString(std::string_view text) {
   auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
@@ -71,6 +76,51 @@ auto guarded(std::string_view function, Fallback fallback, Body&& body) noexcept
     }
   }
   return fallback();
+}
+
+// What the host chose through the setup calls, kept so that each of them builds the platform
+// with the other's choice too. `mutex` owns every field.
+struct HostSetup {
+  std::mutex mutex;
+  kestrova::PlatformOptions options;
+  // Set by the first call that makes the facade's instance; setup is over from then on.
+  bool libraryUsed = false;
+};
+
+// Never destroyed, like the instance it sets up.
+HostSetup& hostSetup() {
+  static auto* setup = new HostSetup();
+  return *setup;
+}
+
+void markLibraryUsed() {
+  auto& setup = hostSetup();
+  std::lock_guard lock(setup.mutex);
+  setup.libraryUsed = true;
+}
+
+// Builds and installs the platform `options` describe, and keeps them; false with error_out
+// filled when the directory cannot be set up. The caller holds the setup's mutex.
+bool installPlatformLocked(HostSetup& setup, kestrova::PlatformOptions options,
+                           kestrova_error* errorOut) {
+  auto platform = kestrova::makeLinuxPlatform(options);
+  if (!platform) {
+    const std::string text = kestrova::logging::format(kPlatformFailed, {platform.error().text()});
+    kestrova::logError(kCategory, text);
+    fillError(errorOut, platform.error().domain, static_cast<int>(platform.error().code), text);
+    return false;
+  }
+  kestrova::installPlatform(platform.value());
+  setup.options = std::move(options);
+  return true;
+}
+
+// One main-queue item on its way through the host's loop: owned by the host from the executor
+// call until the host runs it, then freed here.
+void runWork(void* context) noexcept {
+  std::unique_ptr<std::function<void()>> work(static_cast<std::function<void()>*>(context));
+  guarded(
+      __func__, [] {}, [&] { (*work)(); });
 }
 
 Kestrova::GenericCompletion toGeneric(kestrova_completion completion, void* userData) {
@@ -144,24 +194,42 @@ bool kestrova_platform_install(const char* data_directory, const char* applicati
   return guarded(
       __func__, [] { return false; },
       [&] {
-        kestrova::PlatformOptions options;
+        auto& setup = hostSetup();
+        std::lock_guard lock(setup.mutex);
+        kestrova::PlatformOptions options = setup.options;
+        options.dataDirectory.reset();
+        options.applicationIdentifier.reset();
         if (data_directory != nullptr) {
           options.dataDirectory = std::filesystem::path(data_directory);
         }
         if (application_id != nullptr) {
           options.applicationIdentifier = std::string(application_id);
         }
-        auto platform = kestrova::makeLinuxPlatform(std::move(options));
-        if (!platform) {
-          const std::string text =
-              kestrova::logging::format(kPlatformFailed, {platform.error().text()});
-          kestrova::logError(kCategory, text);
-          fillError(error_out, platform.error().domain, static_cast<int>(platform.error().code),
-                    text);
+        return installPlatformLocked(setup, std::move(options), error_out);
+      });
+}
+
+bool kestrova_main_executor_install(kestrova_main_executor executor, void* user_data,
+                                    kestrova_error* error_out) noexcept {
+  return guarded(
+      __func__, [] { return false; },
+      [&] {
+        if (executor == nullptr) {
+          argumentError(error_out, kMissingExecutor);
           return false;
         }
-        kestrova::installPlatform(platform.value());
-        return true;
+        auto& setup = hostSetup();
+        std::lock_guard lock(setup.mutex);
+        if (setup.libraryUsed) {
+          kestrova::logError(kCategory, kTooLate);
+          fillError(error_out, KESTROVA_C_ERROR_DOMAIN, KESTROVA_C_ERROR_TOO_LATE, kTooLate);
+          return false;
+        }
+        kestrova::PlatformOptions options = setup.options;
+        options.mainExecutor = [executor, user_data](std::function<void()> work) {
+          executor(user_data, runWork, new std::function<void()>(std::move(work)));
+        };
+        return installPlatformLocked(setup, std::move(options), error_out);
       });
 }
 
@@ -202,6 +270,7 @@ bool kestrova_library_configure(const kestrova_config_values* values,
         if (!allTypes && !types) {
           return false;
         }
+        markLibraryUsed();
         if (types) {
           Kestrova::_configure(KestrovaConfig(values->token, std::move(url), startDate, *types),
                                toGeneric(completion, user_data));
@@ -221,24 +290,35 @@ void kestrova_library_connect(kestrova_completion completion, void* user_data) n
   }
   guarded(
       __func__, [&] { completeUnexpectedly(completion, user_data); },
-      [&] { Kestrova::_connect(toGeneric(completion, user_data)); });
+      [&] {
+        markLibraryUsed();
+        Kestrova::_connect(toGeneric(completion, user_data));
+      });
 }
 
 void kestrova_library_disconnect(void) noexcept {
   guarded(
-      __func__, [] {}, [] { Kestrova::disconnect(); });
+      __func__, [] {},
+      [] {
+        markLibraryUsed();
+        Kestrova::disconnect();
+      });
 }
 
 kestrova_status kestrova_status_get(void) noexcept {
   return guarded(
       __func__, [] { return KESTROVA_STATUS_NOT_CONFIGURED; },
-      [] { return static_cast<kestrova_status>(Kestrova::_currentStatus()); });
+      [] {
+        markLibraryUsed();
+        return static_cast<kestrova_status>(Kestrova::_currentStatus());
+      });
 }
 
 char* kestrova_profile_id_copy(void) noexcept {
   return guarded(
       __func__, []() -> char* { return nullptr; },
       []() -> char* {
+        markLibraryUsed();
         auto profile = Kestrova::connectedProfileId();
         return profile ? copyString(*profile) : nullptr;
       });
@@ -246,7 +326,11 @@ char* kestrova_profile_id_copy(void) noexcept {
 
 bool kestrova_health_data_can_connect(void) noexcept {
   return guarded(
-      __func__, [] { return false; }, [] { return Kestrova::canConnectToHealthData(); });
+      __func__, [] { return false; },
+      [] {
+        markLibraryUsed();
+        return Kestrova::canConnectToHealthData();
+      });
 }
 
 void kestrova_log_set_callback(kestrova_log_callback callback, void* user_data) noexcept {

@@ -7,6 +7,7 @@
 
 #include "api/api.h"
 #include "api/profile_request.h"
+#include "facade/host_hooks.h"
 #include "facade/kestrova_testing.h"
 #include "healthkit/health_kit_types.h"
 #include "healthkit/sample_collector.h"
@@ -458,6 +459,47 @@ void resetSharedInstanceForTesting() {
   state.attempted = false;
 }
 
+namespace host {
+
+bool retryPendingUploads() noexcept {
+  try {
+    auto instance = shared();
+    if (!instance) {
+      return false;
+    }
+    std::shared_ptr<const API> api;
+    {
+      std::lock_guard lock(instance->mutex);
+      api = instance->api;
+    }
+    if (!api) {
+      return false;
+    }
+    api->uploadPending();
+    return true;
+  } catch (const std::exception& e) {
+    logError(kCategory, kUnexpectedFailure, {"retryPendingUploads", e.what()});
+    return false;
+  } catch (...) {
+    logError(kCategory, kUnexpectedFailure, {"retryPendingUploads", "unknown exception"});
+    return false;
+  }
+}
+
+void stopCollection() noexcept {
+  try {
+    auto instance = shared();
+    if (instance && instance->collector) {
+      instance->collector->stopObserving();
+    }
+  } catch (const std::exception& e) {
+    logError(kCategory, kUnexpectedFailure, {"stopCollection", e.what()});
+  } catch (...) {
+    logError(kCategory, kUnexpectedFailure, {"stopCollection", "unknown exception"});
+  }
+}
+
+}  // namespace host
 }  // namespace kestrova
 
 using kestrova::OnceCompletion;

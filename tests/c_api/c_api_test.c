@@ -1,5 +1,6 @@
-/* The C API end to end, compiled as C: a host that only has kestrova.h configures, connects
- * and disconnects against the reference server, and the data it holds arrives there. */
+/* The C API end to end, compiled as C: a host that only has kestrova.h runs the library's main
+ * queue on its own loop, configures, connects and disconnects against the reference server, and
+ * the data it holds arrives there. */
 #define _POSIX_C_SOURCE 200809L
 
 #include <math.h>
@@ -27,6 +28,64 @@ static int failures = 0;
     }                                                                               \
   } while (0)
 
+/* The host's loop: the executor queues main-queue items, the test's thread runs them while it
+ * waits. host_mutex owns the queue; the other fields are the test thread's. */
+typedef struct host_item {
+  kestrova_work work;
+  void* work_context;
+  struct host_item* next;
+} host_item;
+
+static pthread_mutex_t host_mutex = PTHREAD_MUTEX_INITIALIZER;
+static host_item* host_first = NULL;
+static host_item* host_last = NULL;
+static pthread_t host_thread;
+static bool running_host_item = false;
+static int host_items_run = 0;
+
+static void host_executor(void* user_data, kestrova_work work, void* work_context) {
+  CHECK(user_data == &host_first);
+  host_item* item = malloc(sizeof *item);
+  if (item == NULL) {
+    ++failures;
+    return;
+  }
+  item->work = work;
+  item->work_context = work_context;
+  item->next = NULL;
+  pthread_mutex_lock(&host_mutex);
+  if (host_last == NULL) {
+    host_first = item;
+  } else {
+    host_last->next = item;
+  }
+  host_last = item;
+  pthread_mutex_unlock(&host_mutex);
+}
+
+/* Runs what the library has queued so far, in order, on the test's thread. */
+static void run_host_items(void) {
+  for (;;) {
+    pthread_mutex_lock(&host_mutex);
+    host_item* item = host_first;
+    if (item != NULL) {
+      host_first = item->next;
+      if (host_first == NULL) {
+        host_last = NULL;
+      }
+    }
+    pthread_mutex_unlock(&host_mutex);
+    if (item == NULL) {
+      return;
+    }
+    running_host_item = true;
+    item->work(item->work_context);
+    running_host_item = false;
+    ++host_items_run;
+    free(item);
+  }
+}
+
 typedef struct outcome {
   atomic_int calls;
   bool success;
@@ -36,6 +95,8 @@ typedef struct outcome {
 } outcome;
 
 static void record(void* user_data, bool success, const kestrova_error* error) {
+  /* Every completion comes through the host's loop. */
+  CHECK(pthread_equal(pthread_self(), host_thread) && running_host_item);
   outcome* result = user_data;
   result->success = success;
   result->domain[0] = '\0';
@@ -55,7 +116,9 @@ static double now_seconds(void) {
   return (double)now.tv_sec + (double)now.tv_nsec / 1e9;
 }
 
+/* One turn of the host's loop. */
 static void short_wait(void) {
+  run_host_items();
   struct timespec pause = {0, 10 * 1000 * 1000};
   nanosleep(&pause, NULL);
 }
@@ -214,12 +277,24 @@ int main(void) {
   kestrova_error error = {NULL, 0, NULL};
   CHECK(kestrova_platform_install(directory, "com.example.c", &error));
   kestrova_error_clear(&error);
+  host_thread = pthread_self();
+  CHECK(!kestrova_main_executor_install(NULL, NULL, &error));
+  CHECK(error.code == KESTROVA_C_ERROR_INVALID_ARGUMENT);
+  kestrova_error_clear(&error);
+  CHECK(kestrova_main_executor_install(host_executor, &host_first, &error));
   kestrova_log_set_level(KESTROVA_LOG_DEBUG);
   kestrova_log_set_callback(collect_log, &log_lines);
 
   test_refused_arguments();
   test_library_errors_reach_c();
   test_connect_delivers_and_disconnect_forgets(directory);
+
+  /* Once the library is in use its main queue stays where it is. */
+  CHECK(host_items_run > 0);
+  CHECK(!kestrova_main_executor_install(host_executor, &host_first, &error));
+  CHECK(error.domain != NULL && strcmp(error.domain, KESTROVA_C_ERROR_DOMAIN) == 0);
+  CHECK(error.code == KESTROVA_C_ERROR_TOO_LATE);
+  kestrova_error_clear(&error);
 
   kestrova_log_set_callback(NULL, NULL);
   pthread_mutex_lock(&log_mutex);

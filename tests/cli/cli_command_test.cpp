@@ -1,12 +1,17 @@
 // The kestrova command as a user runs it: the built binary, the token in KESTROVA_TOKEN, an
 // import of a real export, and the reference server on 127.0.0.1 checked afterwards.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <thread>
 
 #include "server/jwt.h"
 #include "server/server.h"
@@ -19,6 +24,30 @@ constexpr std::string_view kSecret = "cli-test-secret";
 constexpr std::string_view kProfile = "cli-profile";
 constexpr std::string_view kExport =
     KESTROVA_TEST_DATA "/apple-health/healthkit-to-sqlite/export.xml";
+
+// Long enough for any step of a run on a loaded machine; waits end as soon as they can.
+constexpr auto kDeadline = std::chrono::seconds(60);
+
+// A second export, made while watch runs: one body weight, a type the first export lacks.
+constexpr std::string_view kLaterExport = R"(<?xml version="1.0" encoding="UTF-8"?>
+<HealthData locale="en_US">
+ <ExportDate value="2024-06-02 10:00:00 +0000"/>
+ <Record type="HKQuantityTypeIdentifierBodyMass" sourceName="Scale" unit="kg"
+  creationDate="2024-06-01 08:00:00 +0000" startDate="2024-06-01 08:00:00 +0000"
+  endDate="2024-06-01 08:00:00 +0000" value="71.5"/>
+</HealthData>
+)";
+
+bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return true;
+}
 
 struct CommandRun {
   int exitCode = -1;
@@ -34,6 +63,69 @@ std::string readFile(const std::filesystem::path& path) {
   text << in.rdbuf();
   return text.str();
 }
+
+// `kestrova watch --json` running in the background; its events are read as they are written.
+class Watch {
+ public:
+  Watch(const std::string& commandLine, std::filesystem::path out) : out_(std::move(out)) {
+    const std::string shell = "exec " + commandLine;
+    const char* argv[] = {"/bin/sh", "-c", shell.c_str(), nullptr};
+    if (::posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
+      pid_ = -1;
+    }
+  }
+  ~Watch() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  bool started() const { return pid_ > 0; }
+
+  // Every complete line so far.
+  std::vector<nlohmann::json> events() const {
+    std::vector<nlohmann::json> events;
+    std::istringstream lines(readFile(out_));
+    std::string line;
+    while (std::getline(lines, line) && !lines.eof()) {
+      events.push_back(nlohmann::json::parse(line));
+    }
+    return events;
+  }
+
+  // Waits for an event that satisfies `matches`.
+  std::optional<nlohmann::json> awaitEvent(
+      const std::function<bool(const nlohmann::json&)>& matches) const {
+    std::optional<nlohmann::json> found;
+    eventually([&] {
+      for (const auto& event : events()) {
+        if (matches(event)) {
+          found = event;
+          return true;
+        }
+      }
+      return false;
+    });
+    return found;
+  }
+
+  // Sends `signal` and returns the exit code; -1 when the command did not end in time.
+  int stop(int signal) {
+    ::kill(pid_, signal);
+    int status = 0;
+    const bool ended = eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; });
+    if (!ended) {
+      return -1;
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  std::filesystem::path out_;
+  pid_t pid_ = -1;
+};
 
 class CliTest : public ::testing::Test {
  protected:
@@ -57,15 +149,48 @@ class CliTest : public ::testing::Test {
     }
     const auto out = dir_.path() / "out.txt";
     const auto err = dir_.path() / "err.txt";
-    const std::string command = std::string(KESTROVA_CLI_PATH) + " " + arguments + " --data-dir " +
-                                (dir_.path() / "data").string() + " >" + out.string() + " 2>" +
-                                err.string();
-    const int status = std::system(command.c_str());
+    const int status = std::system(commandLine(arguments, out, err).c_str());
     CommandRun run;
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     run.out = readFile(out);
     run.err = readFile(err);
     return run;
+  }
+
+  std::string commandLine(const std::string& arguments, const std::filesystem::path& out,
+                          const std::filesystem::path& err) const {
+    return std::string(KESTROVA_CLI_PATH) + " " + arguments + " --data-dir " + data().string() +
+           " >" + out.string() + " 2>" + err.string();
+  }
+
+  std::filesystem::path data() const { return dir_.path() / "data"; }
+
+  // Starts `kestrova watch --json` with the token in the environment.
+  std::unique_ptr<Watch> watch(const std::string& arguments, const std::string& token) {
+    ::setenv("KESTROVA_TOKEN", token.c_str(), 1);
+    return std::make_unique<Watch>(
+        commandLine("watch --json --since 2010-01-01 --url " + server_->baseUrl() + " " + arguments,
+                    dir_.path() / "watch.out", dir_.path() / "watch.err"),
+        dir_.path() / "watch.out");
+  }
+
+  std::set<std::string> schemasReceived() const {
+    std::set<std::string> schemas;
+    for (const auto& point : server_->dataPoints(std::string(kProfile))) {
+      schemas.insert(point.schemaNamespace + ":" + point.schemaName);
+    }
+    return schemas;
+  }
+
+  // Hidden files anywhere under the data directory's upload folders: half-written uploads.
+  std::vector<std::string> temporaryFiles() const {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(data() / "Kestrova")) {
+      if (entry.path().filename().string().starts_with(".")) {
+        found.push_back(entry.path().string());
+      }
+    }
+    return found;
   }
 
   std::string syncArguments() const {
@@ -183,6 +308,91 @@ TEST_F(CliTest, AnUnreachableBackEndAndBadArgumentsFailWithoutAborting) {
   const CommandRun noToken = kestrova("sync --url " + url);
   EXPECT_NE(noToken.exitCode, 0);
   EXPECT_NE(noToken.err.find("KESTROVA_TOKEN"), std::string::npos) << noToken.err;
+}
+
+TEST_F(CliTest, WatchStopsCleanlyOnSigtermAndDeliversWhatAnotherProcessImports) {
+  ASSERT_EQ(kestrova("import --quiet " + std::string(kExport)).exitCode, 0);
+  const std::string token = server_->tokenFor(std::string(kProfile));
+  const auto connected = [](const auto& event) { return event["event"] == "connected"; };
+
+  // Stopped while the first deliveries are being written: nothing is cut off half-way.
+  auto first = watch("", token);
+  ASSERT_TRUE(first->awaitEvent(connected));
+  EXPECT_EQ(first->stop(SIGTERM), 0) << readFile(dir_.path() / "watch.err");
+  ASSERT_FALSE(first->events().empty());
+  EXPECT_EQ(first->events().back()["event"], "stopped");
+  EXPECT_EQ(first->events().back()["signal"], "SIGTERM");
+  EXPECT_EQ(temporaryFiles(), std::vector<std::string>{});
+  const CommandRun status = kestrova("status --json");
+  ASSERT_EQ(status.exitCode, 0) << status.err;
+  const auto afterStop = status.json();
+  EXPECT_TRUE(afterStop["anchors"].is_array());
+  for (const auto* family : {"heartRateSamples", "dailyDetailSamples", "dailySummaries"}) {
+    const auto& counts = afterStop["statistics"][family];
+    EXPECT_LE(counts["withNewData"].get<int>(), counts["entries"].get<int>()) << family;
+  }
+
+  // The next run delivers whatever the first did not, then what another process commits.
+  auto second = watch("", token);
+  ASSERT_TRUE(second->awaitEvent(connected));
+  EXPECT_TRUE(eventually([&] {
+    return schemasReceived().contains("granola:hk-workout") &&
+           schemasReceived().contains("omh:body-mass-index");
+  }));
+  const auto later = dir_.path() / "later.xml";
+  std::ofstream(later) << kLaterExport;
+  ASSERT_EQ(kestrova("import --quiet " + later.string()).exitCode, 0);
+  EXPECT_TRUE(eventually([&] { return schemasReceived().contains("omh:body-weight"); }));
+  EXPECT_TRUE(second->awaitEvent([](const auto& event) {
+    return event["event"] == "progress" && event["delivered"].value("body", 0) > 0;
+  }));
+  EXPECT_EQ(second->stop(SIGTERM), 0) << readFile(dir_.path() / "watch.err");
+  EXPECT_EQ(temporaryFiles(), std::vector<std::string>{});
+
+  const auto report = kestrova("status --json").json();
+  EXPECT_EQ(report["status"], "connected");
+  std::set<std::string> anchored;
+  for (const auto& anchor : report["anchors"]) {
+    EXPECT_TRUE(anchor["position"].is_number_unsigned()) << anchor;
+    anchored.insert(anchor["name"].get<std::string>());
+  }
+  EXPECT_TRUE(anchored.contains("bodyMass")) << report["anchors"];
+  EXPECT_TRUE(anchored.contains("workout")) << report["anchors"];
+  EXPECT_NE(kestrova("status").out.find("bodyMass"), std::string::npos);
+}
+
+TEST_F(CliTest, WatchRetriesKeptFilesWithBackoffAndDeliversThemOnceTheBackEndRecovers) {
+  ASSERT_EQ(kestrova("import --quiet " + std::string(kExport)).exitCode, 0);
+  server::FaultPlan failing;
+  failing.script = server::FaultPlan::parseScript("pass").value();
+  failing.rate = 1.0;
+  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}};
+  server_->setFaults(failing);
+
+  auto watch = this->watch("--max-retry-delay 0.5", server_->tokenFor(std::string(kProfile)));
+  ASSERT_TRUE(watch->started());
+  const auto retried = watch->awaitEvent([](const auto& event) {
+    return event["event"] == "retry" && event["attempt"] >= 2 && event["pendingFiles"] > 0;
+  });
+  ASSERT_TRUE(retried) << readFile(dir_.path() / "watch.err");
+  EXPECT_TRUE(server_->dataPoints(std::string(kProfile)).empty());
+
+  server_->setFaults({});
+  const auto delivered = watch->awaitEvent([](const auto& event) {
+    return event["event"] == "progress" && event["pendingFiles"] == 0 &&
+           event["deliveredFiles"] > 0;
+  });
+  EXPECT_TRUE(delivered) << readFile(dir_.path() / "watch.err");
+  EXPECT_TRUE(schemasReceived().contains("granola:hk-workout"));
+
+  EXPECT_EQ(watch->stop(SIGINT), 0);
+  const auto events = watch->events();
+  const auto retries = std::count_if(events.begin(), events.end(),
+                                     [](const auto& event) { return event["event"] == "retry"; });
+  EXPECT_GE(retries, 2);
+  EXPECT_EQ(events.back()["retries"], retries);
+  EXPECT_GT(events.back()["failedUploads"].get<int>(), 0);
+  EXPECT_EQ(kestrova("pending --json").json(), nlohmann::json::array());
 }
 
 }  // namespace

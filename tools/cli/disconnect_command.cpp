@@ -17,7 +17,6 @@ constexpr std::string_view kName = "disconnect";
 constexpr std::string_view kDescription =
     "Forget the connected profile, its anchors and statistics (upload files stay).";
 constexpr std::string_view kJsonHelp = "Print the result as JSON on standard output";
-constexpr std::string_view kSetupFailed = "kestrova: cannot set up the data directory: %s\n";
 constexpr std::string_view kDisconnected = "Disconnected profile %s.\n";
 constexpr std::string_view kNothingConnected = "No profile was connected.\n";
 constexpr std::string_view kNotForgotten =

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <filesystem>
 #include <future>
 
@@ -16,17 +17,93 @@ constexpr std::array<std::string_view, 5> kFamilies = {"workout", "sleep", "mind
                                                        "body"};
 constexpr std::string_view kSingleSample = "sample";
 
+constexpr std::string_view kTokenHelp =
+    "The profile's bearer token; prefer the KESTROVA_TOKEN environment variable, which keeps "
+    "it out of the shell history";
+constexpr std::string_view kUrlHelp = "The back end's API base URL (default: the service's)";
+constexpr std::string_view kSinceHelp =
+    "Collect from this day on, YYYY-MM-DD in UTC (default: 20 days back)";
+constexpr std::string_view kTypesHelp =
+    "Comma-separated data type numbers 0...24 to collect (default: all)";
+constexpr std::string_view kTokenEnvironment = "KESTROVA_TOKEN";
+
+constexpr std::string_view kNoToken = "kestrova: no token: set KESTROVA_TOKEN (or pass --token)\n";
+constexpr std::string_view kBadSince = "kestrova: --since wants YYYY-MM-DD, not \"%s\"\n";
+constexpr std::string_view kNoAnswer = "kestrova: the library did not answer within %lld s\n";
+constexpr std::string_view kConfigureFailed = "kestrova: the configuration was refused: %s\n";
+constexpr std::string_view kRejected =
+    "kestrova: the back end at %s rejected the token (HTTP 403); check KESTROVA_TOKEN\n";
+constexpr std::string_view kUnreachable =
+    "kestrova: could not validate the profile with the back end at %s: %s\n";
+
+// The library's upload lines: accepted, answered otherwise, and (for files) not answered. Lines
+// about files begin with kFilePrefix; the others are about statistics requests.
+constexpr std::string_view kUploadedFragment = " has been uploaded successfully";
+constexpr std::string_view kNotUploadedFragment = " has NOT been uploaded successfully";
+constexpr std::string_view kUploadErrorFragment = "Error executing upload request";
+constexpr std::string_view kFilePrefix = "File ";
+// A refused profile validation logs this; a network failure does not.
+constexpr std::string_view kForbiddenFragment = "403";
+
+constexpr auto kWaitSlice = std::chrono::milliseconds(50);
+
 std::optional<Outcome> waitFor(const std::function<void(Kestrova::GenericCompletion)>& start,
-                               std::chrono::milliseconds timeout) {
+                               std::chrono::milliseconds timeout, const Interrupted& interrupted) {
   auto done = std::make_shared<std::promise<Outcome>>();
   std::future<Outcome> outcome = done->get_future();
   start([done](bool success, std::optional<kestrova::GenericError> error) {
     done->set_value(Outcome{success, std::move(error)});
   });
-  if (outcome.wait_for(timeout) != std::future_status::ready) {
-    return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (outcome.wait_for(std::min<std::chrono::steady_clock::duration>(
+             kWaitSlice, deadline - std::chrono::steady_clock::now())) !=
+         std::future_status::ready) {
+    if (std::chrono::steady_clock::now() >= deadline || (interrupted && interrupted())) {
+      return std::nullopt;
+    }
   }
   return outcome.get();
+}
+
+std::optional<KestrovaConfig::Date> parseDay(const std::string& text) {
+  int year = 0;
+  unsigned month = 0;
+  unsigned day = 0;
+  char rest = 0;
+  if (std::sscanf(text.c_str(), "%4d-%2u-%2u%c", &year, &month, &day, &rest) != 3) {
+    return std::nullopt;
+  }
+  const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month),
+                                         std::chrono::day(day)};
+  if (!date.ok()) {
+    return std::nullopt;
+  }
+  return std::chrono::sys_days(date);
+}
+
+int reportFailure(const std::string& url, const kestrova::GenericError& error,
+                  const UploadLog& log) {
+  using Code = KestrovaHealthKitError::Code;
+  if (error.code != static_cast<int>(Code::failedToValidateProfile)) {
+    // Some descriptions carry the token itself.
+    const std::string description = logging::redact(error.localizedDescription);
+    std::fprintf(stderr, kConfigureFailed.data(), description.c_str());
+    return error.code == static_cast<int>(Code::noProfileIdProvided) ||
+                   error.code == static_cast<int>(Code::invalidToken) ||
+                   error.code == static_cast<int>(Code::apiURLNotValid) ||
+                   error.code == static_cast<int>(Code::invalidHost) ||
+                   error.code == static_cast<int>(Code::invalidScheme)
+               ? kExitRejected
+               : kExitFailed;
+  }
+  const std::string detail = log.lastError();
+  if (detail.find(kForbiddenFragment) != std::string::npos) {
+    std::fprintf(stderr, kRejected.data(), url.c_str());
+    return kExitRejected;
+  }
+  std::fprintf(stderr, kUnreachable.data(), url.c_str(),
+               detail.empty() ? kNoDetail.data() : detail.c_str());
+  return kExitUnreachable;
 }
 
 }  // namespace
@@ -93,18 +170,20 @@ std::vector<PendingFile> pendingFiles(const Platform& platform) {
 }
 
 std::optional<Outcome> configureAndWait(const KestrovaConfig& config,
-                                        std::chrono::milliseconds timeout) {
+                                        std::chrono::milliseconds timeout,
+                                        const Interrupted& interrupted) {
   return waitFor(
       [&config](Kestrova::GenericCompletion completion) {
         Kestrova::_configure(config, std::move(completion));
       },
-      timeout);
+      timeout, interrupted);
 }
 
-std::optional<Outcome> connectAndWait(std::chrono::milliseconds timeout) {
+std::optional<Outcome> connectAndWait(std::chrono::milliseconds timeout,
+                                      const Interrupted& interrupted) {
   return waitFor(
       [](Kestrova::GenericCompletion completion) { Kestrova::_connect(std::move(completion)); },
-      timeout);
+      timeout, interrupted);
 }
 
 std::string_view statusName(Kestrova::Status::Case status) {
@@ -117,6 +196,118 @@ std::string_view statusName(Kestrova::Status::Case status) {
       return "not configured";
   }
   return "not configured";
+}
+
+void addConnectionOptions(CLI::App& command, ConnectionArguments& arguments) {
+  command.add_option("--token", arguments.token, std::string(kTokenHelp))
+      ->envname(std::string(kTokenEnvironment))
+      ->type_name("TOKEN");
+  command.add_option("--url", arguments.url, std::string(kUrlHelp))->type_name("URL");
+  command.add_option("--since", arguments.since, std::string(kSinceHelp))->type_name("DATE");
+  command.add_option("--types", arguments.types, std::string(kTypesHelp))
+      ->delimiter(',')
+      ->check(CLI::Range(0, 24))
+      ->type_name("LIST");
+}
+
+void UploadLog::write(LogLevel level, std::string_view category, std::string_view message) {
+  {
+    std::lock_guard lock(mutex_);
+    const bool aboutFile = message.starts_with(kFilePrefix);
+    if (message.find(kUploadErrorFragment) != std::string_view::npos) {
+      ++counts_.failedUploads;
+    } else if (message.find(kNotUploadedFragment) != std::string_view::npos) {
+      ++(aboutFile ? counts_.failedUploads : counts_.failedStatisticsUploads);
+    } else if (auto at = message.find(kUploadedFragment); at != std::string_view::npos) {
+      if (aboutFile) {
+        ++counts_
+              .delivered[familyOfFile(message.substr(kFilePrefix.size(), at - kFilePrefix.size()))];
+        ++counts_.deliveredFiles;
+      } else {
+        ++counts_.statisticsUploads;
+      }
+    }
+    if (level >= LogLevel::error) {
+      lastError_ = std::string(message);
+    }
+  }
+  if (level >= shownFrom_) {
+    next_->write(level, category, message);
+  }
+}
+
+UploadLog::Counts UploadLog::counts() const {
+  std::lock_guard lock(mutex_);
+  return counts_;
+}
+
+std::string UploadLog::lastError() const {
+  std::lock_guard lock(mutex_);
+  return lastError_;
+}
+
+nlohmann::json uploadJson(const UploadLog::Counts& counts, std::size_t pendingFiles) {
+  return {{"delivered", counts.delivered},
+          {"deliveredFiles", counts.deliveredFiles},
+          {"failedUploads", counts.failedUploads},
+          {"statisticsUploads", counts.statisticsUploads},
+          {kPendingFilesKey, pendingFiles}};
+}
+
+int connectLibrary(const ConnectionArguments& arguments, const CommonOptions& common,
+                   std::chrono::milliseconds timeout, Connection& connection,
+                   const Interrupted& interrupted) {
+  if (arguments.token.empty()) {
+    std::fprintf(stderr, "%s", kNoToken.data());
+    return kExitFailed;
+  }
+  // Upload lines are info lines: let them through to the counting sink, show only errors.
+  logging::setMinimumLevel(common.verbose ? LogLevel::debug : LogLevel::info);
+  connection.log = std::make_shared<UploadLog>(makeStderrLogSink(),
+                                               common.verbose ? LogLevel::debug : LogLevel::error);
+  logging::setSink(connection.log);
+  logging::registerSecret(arguments.token);
+
+  auto platform = installLibraryPlatform(common);
+  if (!platform) {
+    std::fprintf(stderr, kSetupFailed.data(), platform.error().text().c_str());
+    return kExitSetupFailed;
+  }
+  connection.platform = platform.value();
+  std::optional<KestrovaConfig::Date> since;
+  if (arguments.since) {
+    since = parseDay(*arguments.since);
+    if (!since) {
+      std::fprintf(stderr, kBadSince.data(), arguments.since->c_str());
+      return kExitFailed;
+    }
+  }
+  const KestrovaConfig config =
+      arguments.types.empty()
+          ? KestrovaConfig(arguments.token, arguments.url, since)
+          : KestrovaConfig(arguments.token, arguments.url, since, arguments.types);
+  connection.url = config.url();
+
+  auto outcome = configureAndWait(config, timeout, interrupted);
+  if (outcome && outcome->success) {
+    outcome = connectAndWait(timeout, interrupted);
+  }
+  if (!outcome && interrupted && interrupted()) {
+    connection.interrupted = true;
+    return kExitOk;
+  }
+  if (!outcome) {
+    std::fprintf(
+        stderr, kNoAnswer.data(),
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(timeout).count()));
+    return kExitTimedOut;
+  }
+  if (!outcome->success) {
+    return reportFailure(config.url(), outcome->error.value_or(kestrova::GenericError{}),
+                         *connection.log);
+  }
+  connection.profileId = Kestrova::connectedProfileId().value_or("");
+  return kExitOk;
 }
 
 }  // namespace kestrova::cli

@@ -2,6 +2,12 @@
 // options (--data-dir, --verbose, --quiet, --version) apply to all of them. Single-threaded apart
 // from the library's own threads.
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 #include "kestrova/version.h"
 #include "tools/cli/cli_context.h"
@@ -9,6 +15,7 @@
 #include "tools/cli/import_command.h"
 #include "tools/cli/status_command.h"
 #include "tools/cli/sync_command.h"
+#include "tools/cli/watch_command.h"
 
 namespace {
 
@@ -23,6 +30,7 @@ Examples:
   export KESTROVA_TOKEN=eyJ...        (keeps the token out of the shell history)
   kestrova sync --url http://127.0.0.1:8080/api/ --since 2024-01-01 --json
   kestrova sync --types 15,22 --timeout 60
+  kestrova watch --url http://127.0.0.1:8080/api/ --json    (until Ctrl-C or SIGTERM)
   kestrova status --json
   kestrova pending
   kestrova disconnect
@@ -32,7 +40,23 @@ added stays, and running the same command again completes it); 3 the data direct
 the health store could not be opened; 4 the token or URL was refused (malformed, or the
 back end answered 403); 5 the back end could not be reached or could not validate the
 profile; 6 upload files were still pending when --timeout ran out (they stay for the next
-sync). Usage errors exit with CLI11's codes and a message.)";
+sync). watch exits 0 when SIGINT or SIGTERM stops it. Usage errors exit with CLI11's codes
+and a message.)";
+
+// The library's shared instance and its threads live until the process ends, by design, and
+// they may still be at work (a statistics batch, a store poll) when a command is done: the
+// static destructors that exit() runs would pull data from under them. So the command ends the
+// process without those, once what it printed is flushed (and, under AddressSanitizer, after
+// the leak check that exit() would have run). The SQLite stores commit whole transactions or
+// nothing, so ending here leaves them consistent.
+[[noreturn]] void endProcess(int exitCode) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+#if defined(__SANITIZE_ADDRESS__)
+  __lsan_do_leak_check();
+#endif
+  std::_Exit(exitCode);
+}
 
 }  // namespace
 
@@ -50,6 +74,7 @@ int main(int argc, char** argv) {
   int exitCode = kestrova::cli::kExitOk;
   kestrova::cli::addImportCommand(app, common, &exitCode);
   kestrova::cli::addSyncCommand(app, common, &exitCode);
+  kestrova::cli::addWatchCommand(app, common, &exitCode);
   kestrova::cli::addStatusCommand(app, common, &exitCode);
   kestrova::cli::addPendingCommand(app, common, &exitCode);
   kestrova::cli::addDisconnectCommand(app, common, &exitCode);
@@ -59,5 +84,5 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error);
   }
-  return exitCode;
+  endProcess(exitCode);
 }

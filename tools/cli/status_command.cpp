@@ -1,9 +1,16 @@
 #include "tools/cli/status_command.h"
 
 #include <cstdio>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
 
+#include "healthkit/health_kit_types.h"
 #include "kestrova/facade.h"
+#include "statistics/statistics_store.h"
+#include "storage/anchor_store.h"
 #include "tools/cli/library_session.h"
 
 namespace kestrova::cli {
@@ -11,12 +18,12 @@ namespace {
 
 constexpr std::string_view kStatusName = "status";
 constexpr std::string_view kStatusDescription =
-    "Show the connection state, the connected profile and the upload files still waiting.";
+    "Show the connection state, the connected profile, the upload files still waiting, the "
+    "types with a saved query anchor and the stored statistics not uploaded yet.";
 constexpr std::string_view kPendingName = "pending";
 constexpr std::string_view kPendingDescription =
     "List the upload files the back end has not accepted yet, with sizes and ages.";
 constexpr std::string_view kJsonHelp = "Print the report as JSON on standard output";
-constexpr std::string_view kSetupFailed = "kestrova: cannot set up the data directory: %s\n";
 constexpr std::string_view kStatusLine = "Status:        %s\n";
 constexpr std::string_view kProfileLine = "Profile:       %s\n";
 constexpr std::string_view kNoProfile = "-";
@@ -24,6 +31,70 @@ constexpr std::string_view kDataLine = "Data:          %s\n";
 constexpr std::string_view kPendingLine = "Pending files: %zu (%ju bytes, oldest %lld s)\n";
 constexpr std::string_view kFileLine = "%-8s %10ju bytes %8lld s  %s\n";
 constexpr std::string_view kNoFiles = "No upload files pending.\n";
+constexpr std::string_view kAnchorsLine = "Anchors:       %zu types\n";
+constexpr std::string_view kAnchorLine = "  %-32s %s\n";
+constexpr std::string_view kUnreadableAnchor = "unreadable";
+constexpr std::string_view kStatisticsLine = "Statistics:    %zu entries with new data of %zu\n";
+constexpr std::string_view kFamilyLine = "  %-32s %zu of %zu\n";
+
+// A type with a saved query anchor. `name` is the data type's ("bodyMass"), or the type's
+// identifier when no data type stands for it.
+struct AnchorState {
+  std::string typeIdentifier;
+  std::optional<int> dataType;
+  std::string name;
+  std::optional<std::uint64_t> position;  // none when the stored anchor does not decode
+};
+
+// Every type with a saved query anchor, in identifier order.
+std::vector<AnchorState> anchorStates(const Platform& platform) {
+  std::map<std::string, KestrovaHealthKitDataType, std::less<>> dataTypes;
+  for (auto dataType : KestrovaHealthKitDataType::allCases()) {
+    if (auto type = objectType(dataType, platform.systemVersion)) {
+      dataTypes.emplace(std::string(type->identifier()), dataType);
+    }
+  }
+  AnchorStore anchors(platform.defaults);
+  std::vector<AnchorState> states;
+  for (const auto& key : platform.defaults->keys(AnchorStore::kKeyPrefix)) {
+    AnchorState state;
+    state.typeIdentifier = key.substr(AnchorStore::kKeyPrefix.size());
+    state.name = state.typeIdentifier;
+    if (auto found = dataTypes.find(state.typeIdentifier); found != dataTypes.end()) {
+      state.dataType = found->second.rawValue();
+      state.name = std::string(found->second.name());
+    }
+    if (auto anchor = anchors.storedAnchor(state.typeIdentifier)) {
+      state.position = anchor->position();
+    }
+    states.push_back(std::move(state));
+  }
+  return states;
+}
+
+struct FamilyCount {
+  std::string_view family;
+  std::size_t entries = 0;
+  std::size_t withNewData = 0;
+};
+
+template <class Record>
+FamilyCount countNew(std::string_view family, const std::vector<Record>& records) {
+  FamilyCount count{family, records.size(), 0};
+  for (const auto& record : records) {
+    count.withNewData += record.hasNewData ? 1 : 0;
+  }
+  return count;
+}
+
+// The stored statistics records per family and how many of them wait for an upload. The
+// configured start date is not stored, so every record counts, whatever its date.
+std::vector<FamilyCount> statisticsCounts(const Platform& platform) {
+  const StatisticsStore store(platform.defaults, platform.clock, Date::min());
+  return {countNew("heartRateSamples", store.heartRateSamples()),
+          countNew("dailyDetailSamples", store.dailyDetailSamples()),
+          countNew("dailySummaries", store.dailySummaries())};
+}
 
 nlohmann::json fileJson(const PendingFile& file) {
   return {{"name", file.name}, {"family", file.family}, {"profileId", file.profileId},
@@ -46,20 +117,52 @@ int runStatus(bool json, const CommonOptions& common) {
     oldest = std::max<long long>(oldest, file.age.count());
   }
   const std::string directory = platform.value()->dataDirectory.string();
+  const auto anchors = anchorStates(*platform.value());
+  const auto statistics = statisticsCounts(*platform.value());
   if (json) {
     nlohmann::json report = {
         {"status", statusName(status.value)},
         {"profileId", status.profileId ? nlohmann::json(*status.profileId) : nlohmann::json()},
         {"dataDirectory", directory},
-        {"pendingFiles", files.size()},
+        {kPendingFilesKey, files.size()},
         {"pendingBytes", bytes},
-        {"oldestPendingSeconds", oldest}};
+        {"oldestPendingSeconds", oldest},
+        {"anchors", nlohmann::json::array()},
+        {"statistics", nlohmann::json::object()}};
+    for (const auto& anchor : anchors) {
+      report["anchors"].push_back(
+          {{"typeIdentifier", anchor.typeIdentifier},
+           {"dataType", anchor.dataType ? nlohmann::json(*anchor.dataType) : nlohmann::json()},
+           {"name", anchor.name},
+           {"position", anchor.position ? nlohmann::json(*anchor.position) : nlohmann::json()}});
+    }
+    for (const auto& count : statistics) {
+      report["statistics"][count.family] = {{"entries", count.entries},
+                                            {"withNewData", count.withNewData}};
+    }
     std::printf("%s\n", report.dump(2).c_str());
   } else {
     std::printf(kStatusLine.data(), std::string(statusName(status.value)).c_str());
     std::printf(kProfileLine.data(), status.profileId.value_or(std::string(kNoProfile)).c_str());
     std::printf(kDataLine.data(), directory.c_str());
     std::printf(kPendingLine.data(), files.size(), bytes, oldest);
+    std::printf(kAnchorsLine.data(), anchors.size());
+    for (const auto& anchor : anchors) {
+      const std::string position =
+          anchor.position ? std::to_string(*anchor.position) : std::string(kUnreadableAnchor);
+      std::printf(kAnchorLine.data(), anchor.name.c_str(), position.c_str());
+    }
+    std::size_t entries = 0;
+    std::size_t withNewData = 0;
+    for (const auto& count : statistics) {
+      entries += count.entries;
+      withNewData += count.withNewData;
+    }
+    std::printf(kStatisticsLine.data(), withNewData, entries);
+    for (const auto& count : statistics) {
+      std::printf(kFamilyLine.data(), std::string(count.family).c_str(), count.withNewData,
+                  count.entries);
+    }
   }
   std::fflush(stdout);
   return kExitOk;
