@@ -13,6 +13,9 @@ namespace kestrova::bench {
 
 struct GeneratorOptions {
   int years = 1;
+  // When positive, only this many days from 1 January 2021 instead of whole years: a small
+  // export for tests that deliver it many times over.
+  int days = 0;
   std::uint64_t seed = 1;
   // Also pack apple_health_export/ into export.zip next to it.
   bool zip = false;
