@@ -78,7 +78,14 @@ double referenceSeconds(Date date) {
   return static_cast<double>(micros.count()) / 1e6;
 }
 
-Date dateFromReferenceSeconds(double seconds) {
+std::optional<Date> dateFromReferenceSeconds(double seconds) {
+  // A Date holds nanoseconds since 1970 in 64 bits: past about 292 years either way the
+  // conversion would overflow.
+  constexpr auto kLimit =
+      std::chrono::duration_cast<std::chrono::seconds>(Date::duration::max()) - kReferenceEpoch;
+  if (!std::isfinite(seconds) || std::abs(seconds) >= static_cast<double>(kLimit.count())) {
+    return std::nullopt;
+  }
   const auto micros = std::chrono::microseconds(std::llround(seconds * 1e6));
   return Date(std::chrono::duration_cast<Date::duration>(kReferenceEpoch + micros));
 }

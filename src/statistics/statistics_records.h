@@ -51,9 +51,10 @@ struct DailySummary {
 };
 
 // The stored dates: seconds since 2001-01-01T00:00:00Z, kept to the microsecond so that a
-// date read back compares equal to the one written.
+// date read back compares equal to the one written. None for a number that is not finite or
+// lies beyond what a Date holds (about 292 years from 1970).
 double referenceSeconds(Date date);
-Date dateFromReferenceSeconds(double seconds);
+std::optional<Date> dateFromReferenceSeconds(double seconds);
 
 // The stored forms, member names as the field names. Decoding yields none for a shape that
 // does not fit.

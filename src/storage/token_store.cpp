@@ -122,8 +122,8 @@ std::string statusText(OSStatus status) {
 }  // namespace
 
 bool isUsableProfileId(std::string_view profileId) {
-  if (profileId.empty() || profileId == "." || profileId == ".." ||
-      profileId.find_first_of("/\\") != std::string_view::npos ||
+  if (profileId.empty() || profileId.size() > kMaximumProfileIdLength || profileId == "." ||
+      profileId == ".." || profileId.find_first_of("/\\") != std::string_view::npos ||
       profileId.find(kFileNameSeparator) != std::string_view::npos) {
     return false;
   }

@@ -23,7 +23,12 @@ struct Token {
 // could not safely name files, keychain accounts and URL paths.
 std::optional<std::string> profileIdFromToken(std::string_view token);
 
-// False for an empty id, ".", "..", and ids containing "/", "\", "---" or a control character.
+// Ids name upload files, and a file name may not pass 255 bytes: the timestamp, the sample id
+// and the separators take up to 80 of them.
+inline constexpr std::size_t kMaximumProfileIdLength = 128;
+
+// False for an empty id, one longer than kMaximumProfileIdLength bytes, ".", "..", and ids
+// containing "/", "\", "---" or a control character.
 bool isUsableProfileId(std::string_view profileId);
 
 class TokenStore {

@@ -47,6 +47,9 @@ constexpr std::string_view kGreekMu = "\xCE\xBC";    // U+03BC, as people type i
 constexpr std::string_view kMicroPrefix = "mc";      // the unit grammar's micro
 constexpr std::string_view kDefaultVoltageUnit = "mcV";
 constexpr char kSeparator = '\x1f';
+// Recordings last 30 seconds: a rate that stretches one past a day is no rate, and one small
+// enough would stretch it past what a Date holds.
+constexpr double kLongestRecordingSeconds = 24 * 60 * 60;
 
 constexpr std::string_view kFileError = "%@: %@";
 constexpr std::string_view kNotANumber = "line %@ is not a number";
@@ -153,7 +156,8 @@ Result<ParsedElectrocardiogram> parseElectrocardiogramCsv(std::string_view text,
   }
   const std::optional<double> rate =
       fields[kSampleRate] ? leadingNumber(*fields[kSampleRate]) : std::nullopt;
-  if (!rate || *rate <= 0) {
+  if (!rate || *rate <= 0 ||
+      static_cast<double>(values.size()) / *rate > kLongestRecordingSeconds) {
     return csvError(fileName, std::string(kNoRate));
   }
   if (values.empty()) {

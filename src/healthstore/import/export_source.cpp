@@ -21,6 +21,9 @@ using namespace exportxml;
 constexpr std::size_t kSniffSize = 1024;
 constexpr std::string_view kZipMagic = "PK\x03\x04";
 constexpr std::string_view kReadBinary = "rb";
+// Real exports inflate 10 to 30 times, deflate at most about 1030 times: a main document that
+// claims more is a bomb, refused before a byte of it is inflated.
+constexpr std::uint64_t kMaximumInflation = 200;
 
 // Error texts; placeholders are filled in order.
 constexpr std::string_view kCannotOpen = "Cannot open %@: %@";
@@ -36,6 +39,10 @@ constexpr std::string_view kNoEntry = "No entry %@ in the archive";
 constexpr std::string_view kTooLarge = "%@ is larger than %@ bytes";
 constexpr std::string_view kNotAnExport = "%@ is not an Apple Health export document";
 constexpr std::string_view kMissing = "%@ does not exist";
+constexpr std::string_view kInflatesTooFar =
+    "%@ would inflate from %@ to %@ bytes: an archive that inflates this far is no export";
+constexpr std::string_view kLargerThanDeclared =
+    "%@ inflates past the %@ bytes the archive declares for it";
 
 std::string message(std::string_view text, std::initializer_list<std::string_view> args) {
   return logging::format(text, args);
@@ -270,6 +277,12 @@ class ZipEntryStream final : public InputStream {
                          message(kCannotReadEntry, {name_, zip_file_strerror(entry_.get())}));
     }
     read_ += static_cast<std::uint64_t>(count);
+    // libzip compares the size with the declared one only at the end: a stream that lies
+    // about its size would otherwise inflate for as long as it likes.
+    if (read_ > size_) {
+      return importError(kImportErrorMalformed,
+                         message(kLargerThanDeclared, {name_, std::to_string(size_)}));
+    }
     return static_cast<std::size_t>(count);
   }
 
@@ -331,6 +344,12 @@ class ZipSource final : public ExportSource {
     }
     if (source->main_.empty()) {
       return importError(kImportErrorNotAnExport, message(kNoDocumentInArchive, {path.string()}));
+    }
+    if (source->mainSize_ / kMaximumInflation > source->mainStoredSize_) {
+      return importError(
+          kImportErrorMalformed,
+          message(kInflatesTooFar, {source->main_, std::to_string(source->mainStoredSize_),
+                                    std::to_string(source->mainSize_)}));
     }
     std::sort(source->electrocardiograms_.begin(), source->electrocardiograms_.end());
     std::sort(source->indexes_.begin(), source->indexes_.end());
