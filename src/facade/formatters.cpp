@@ -9,10 +9,6 @@ namespace kestrova {
 namespace {
 
 constexpr std::size_t kDateTimeLength = 23;  // yyyy-MM-ddTHH:mm:ss.SSS
-// A Date holds nanoseconds since 1970 in 64 bits, 1677-09-21 to 2262-04-11: the years it holds
-// whole. A name or text with another year is not ours, and would overflow.
-constexpr int kEarliestYear = 1678;
-constexpr int kLatestYear = 2261;
 
 void putDigits(std::string& out, int value, int width) {
   char digits[12];
@@ -96,8 +92,8 @@ std::optional<Date> dateFromTimestampString(std::string_view text) {
   const std::chrono::year_month_day ymd(std::chrono::year(*year),
                                         std::chrono::month(static_cast<unsigned>(*month)),
                                         std::chrono::day(static_cast<unsigned>(*day)));
-  if (!ymd.ok() || *year < kEarliestYear || *year > kLatestYear || *hour > 23 || *minute > 59 ||
-      *second > 59) {
+  if (!ymd.ok() || *year < kEarliestDateYear || *year > kLatestDateYear || *hour > 23 ||
+      *minute > 59 || *second > 59) {
     return std::nullopt;
   }
   return TimeZone::gmt().date(

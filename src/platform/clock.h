@@ -11,6 +11,11 @@ namespace kestrova {
 
 using Date = std::chrono::system_clock::time_point;
 
+// A Date holds nanoseconds since 1970 in 64 bits, 1677-09-21 to 2262-04-11: these are the years
+// it holds whole, whatever the offset. A text with another year would overflow it.
+inline constexpr int kEarliestDateYear = 1678;
+inline constexpr int kLatestDateYear = 2261;
+
 class DispatchQueue;
 
 // A one-shot timer that can be re-armed. The handler runs on the timer's queue, at most once

@@ -21,10 +21,6 @@ constexpr std::string_view kDevicePrefix = "<<HKDevice:";
 constexpr std::string_view kBundlePrefix = "import.apple-health.";
 constexpr std::string_view kEmptySlug = "source";
 constexpr std::size_t kSlugLimit = 40;
-// A Date holds nanoseconds since 1970 in 64 bits, 1677-09-21 to 2262-04-11: the years it holds
-// whole, whatever the offset. Other years would overflow.
-constexpr int kEarliestYear = 1678;
-constexpr int kLatestYear = 2261;
 
 bool digits(std::string_view text, std::size_t at, std::size_t count, int& out) {
   int value = 0;
@@ -99,7 +95,7 @@ std::optional<Date> parseExportDate(std::string_view text) {
       !digits(text, 21, 2, offsetHours) || !digits(text, 23, 2, offsetMinutes)) {
     return std::nullopt;
   }
-  if (year < kEarliestYear || year > kLatestYear || month < 1 || month > 12 || day < 1 ||
+  if (year < kEarliestDateYear || year > kLatestDateYear || month < 1 || month > 12 || day < 1 ||
       day > 31 || hour > 23 || minute > 59 || second > 60 || offsetHours > 23 ||
       offsetMinutes > 59) {
     return std::nullopt;
