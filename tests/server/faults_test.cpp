@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <map>
+
 namespace kestrova::server {
 namespace {
 
@@ -98,6 +101,62 @@ TEST(FaultInjectorOrder, ScriptFirstThenTheRateWithRepeatableDraws) {
   for (int i = 0; i < 50; ++i) {
     EXPECT_EQ(never.next().kind, Fault::Kind::pass);
     EXPECT_EQ(always.next().kind, Fault::Kind::drop);
+  }
+}
+
+TEST(FaultMix, EachFaultIsDrawnAtItsOwnRateAndMalformedMixesAreRefused) {
+  auto mix = FaultPlan::parseMix("500=0.15, 503=0.15,403=0.05,drop=0.03,delay:2500=0.02");
+  ASSERT_TRUE(mix) << mix.error().description;
+  FaultPlan plan;
+  plan.mix = *mix;
+  plan.seed = 9;
+  // The JSON forms, array and text, read as the same plan, and its report reads back.
+  auto fromArray = FaultPlan::fromJson(nlohmann::json::parse(
+      R"({"rates": [{"fault": "500", "p": 0.15}, {"fault": 503, "p": 0.15},
+                    {"fault": "403", "p": 0.05}, {"fault": "drop", "p": 0.03},
+                    {"fault": "delay:2500", "p": 0.02}], "seed": 9})"));
+  ASSERT_TRUE(fromArray) << fromArray.error().description;
+  EXPECT_EQ(fromArray->mix, plan.mix);
+  EXPECT_EQ(FaultPlan::fromJson(plan.toJson())->mix, plan.mix);
+  EXPECT_EQ(
+      FaultPlan::fromJson({{"rates", "500=0.15,503=0.15,403=0.05,drop=0.03,delay:2500=0.02"}})->mix,
+      plan.mix);
+
+  FaultInjector injector(plan);
+  std::map<std::string, int> drawn;
+  constexpr int kDraws = 20000;
+  for (int i = 0; i < kDraws; ++i) {
+    ++drawn[injector.next().text()];
+  }
+  // Within about five standard deviations of each expected count.
+  const std::map<std::string, double> expected = {{"500", 0.15},        {"503", 0.15},
+                                                  {"403", 0.05},        {"drop", 0.03},
+                                                  {"delay:2500", 0.02}, {"pass", 0.60}};
+  EXPECT_EQ(drawn.size(), expected.size());
+  for (const auto& [fault, probability] : expected) {
+    const double mean = kDraws * probability;
+    EXPECT_NEAR(drawn[fault], mean, 5 * std::sqrt(mean * (1 - probability)) + 1) << fault;
+  }
+
+  // The single rate fault still works beside a mix, and together they may not exceed 1.
+  FaultPlan both;
+  both.rate = 0.5;
+  both.mix = *FaultPlan::parseMix("503=0.5");
+  EXPECT_FALSE(both.probabilityError());
+  FaultInjector always(both);
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_NE(always.next().kind, Fault::Kind::pass);
+  }
+  EXPECT_FALSE(FaultPlan::fromJson({{"rate", 0.6}, {"rates", "503=0.5"}}));
+  EXPECT_TRUE(FaultPlan::parseMix("")->empty());
+  for (const char* bad : {"500", "500=", "=0.1", "500=1.5", "500=-0.1", "500=0.1x", "oops=0.1",
+                          "500=0.6,503=0.6", "500=0.1,", "500:0.1", "500=nan"}) {
+    EXPECT_FALSE(FaultPlan::parseMix(bad)) << bad;
+  }
+  for (const char* bad : {R"({"rates": 5})", R"({"rates": [{"fault": "500"}]})",
+                          R"({"rates": [{"p": 0.1}]})", R"({"rates": [{"fault": "x", "p": 0.1}]})",
+                          R"({"rates": [{"fault": "500", "p": "0.1"}]})"}) {
+    EXPECT_FALSE(FaultPlan::fromJson(nlohmann::json::parse(bad))) << bad;
   }
 }
 

@@ -20,6 +20,25 @@ std::optional<long long> parseInteger(std::string_view text) {
   return value;
 }
 
+std::optional<double> parseProbability(std::string_view text) {
+  double value = 0.0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || !(value >= 0.0) || value > 1.0) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+// Sums of decimal probabilities such as 0.15 + 0.15 + 0.7 may land a hair above 1.
+constexpr double kProbabilityTolerance = 1e-9;
+
+Result<Fault> faultFromJson(const nlohmann::json& entry, std::string_view member) {
+  return entry.is_number_integer() ? Fault::parse(std::to_string(entry.get<int>()))
+         : entry.is_string()
+             ? Fault::parse(entry.get<std::string>())
+             : Result<Fault>(faultError("\"" + std::string(member) + "\" needs a fault"));
+}
+
 std::string_view trimmed(std::string_view text) {
   while (!text.empty() && text.front() == ' ') {
     text.remove_prefix(1);
@@ -88,12 +107,58 @@ Result<std::deque<Fault>> FaultPlan::parseScript(std::string_view text) {
   }
 }
 
+Result<std::vector<WeightedFault>> FaultPlan::parseMix(std::string_view text) {
+  std::vector<WeightedFault> mix;
+  if (trimmed(text).empty()) {
+    return mix;
+  }
+  for (;;) {
+    const auto comma = text.find(',');
+    const auto entry = trimmed(text.substr(0, comma));
+    const auto equals = entry.rfind('=');
+    if (equals == std::string_view::npos) {
+      return faultError("a mix entry is FAULT=PROBABILITY, as in 503=0.15: " + std::string(entry));
+    }
+    auto fault = Fault::parse(entry.substr(0, equals));
+    if (!fault) {
+      return fault.error();
+    }
+    const auto probability = parseProbability(trimmed(entry.substr(equals + 1)));
+    if (!probability) {
+      return faultError("a mix probability is a number from 0 to 1: " + std::string(entry));
+    }
+    mix.push_back({*fault, *probability});
+    if (comma == std::string_view::npos) {
+      break;
+    }
+    text.remove_prefix(comma + 1);
+  }
+  FaultPlan plan;
+  plan.mix = mix;
+  if (auto error = plan.probabilityError()) {
+    return *error;
+  }
+  return mix;
+}
+
+std::optional<Error> FaultPlan::probabilityError() const {
+  double total = rate;
+  for (const auto& weighted : mix) {
+    total += weighted.probability;
+  }
+  if (total > 1.0 + kProbabilityTolerance) {
+    return faultError("the fault probabilities add up to " + std::to_string(total) +
+                      ", more than 1");
+  }
+  return std::nullopt;
+}
+
 Result<FaultPlan> FaultPlan::fromJson(const nlohmann::json& json) {
   if (!json.is_object()) {
     return faultError("fault plan must be a JSON object");
   }
   FaultPlan plan;
-  if (auto script = json.find("script"); script != json.end()) {
+  if (auto script = json.find(kScriptKey); script != json.end()) {
     if (script->is_string()) {
       auto parsed = parseScript(script->get<std::string>());
       if (!parsed) {
@@ -102,9 +167,7 @@ Result<FaultPlan> FaultPlan::fromJson(const nlohmann::json& json) {
       plan.script = std::move(parsed).value();
     } else if (script->is_array()) {
       for (const auto& entry : *script) {
-        auto fault = entry.is_number_integer() ? Fault::parse(std::to_string(entry.get<int>()))
-                     : entry.is_string()       ? Fault::parse(entry.get<std::string>())
-                                               : Result<Fault>(faultError("script entry"));
+        auto fault = faultFromJson(entry, kScriptKey);
         if (!fault) {
           return fault.error();
         }
@@ -114,23 +177,49 @@ Result<FaultPlan> FaultPlan::fromJson(const nlohmann::json& json) {
       return faultError("\"script\" must be a text or an array");
     }
   }
-  if (auto rate = json.find("rate"); rate != json.end()) {
+  if (auto rate = json.find(kRateKey); rate != json.end()) {
     if (!rate->is_number() || rate->get<double>() < 0.0 || rate->get<double>() > 1.0) {
       return faultError("\"rate\" must be a number from 0 to 1");
     }
     plan.rate = rate->get<double>();
   }
-  if (auto rateFault = json.find("rate_fault"); rateFault != json.end()) {
-    auto fault = rateFault->is_number_integer()
-                     ? Fault::parse(std::to_string(rateFault->get<int>()))
-                 : rateFault->is_string() ? Fault::parse(rateFault->get<std::string>())
-                                          : Result<Fault>(faultError("\"rate_fault\""));
+  if (auto rateFault = json.find(kRateFaultKey); rateFault != json.end()) {
+    auto fault = faultFromJson(*rateFault, kRateFaultKey);
     if (!fault) {
       return fault.error();
     }
     plan.rateFault = *fault;
   }
-  if (auto seed = json.find("seed"); seed != json.end()) {
+  if (auto mix = json.find(kMixKey); mix != json.end()) {
+    if (mix->is_string()) {
+      auto parsed = parseMix(mix->get<std::string>());
+      if (!parsed) {
+        return parsed.error();
+      }
+      plan.mix = std::move(parsed).value();
+    } else if (mix->is_array()) {
+      for (const auto& entry : *mix) {
+        const auto fault = entry.is_object() && entry.contains(kMixFaultKey)
+                               ? faultFromJson(entry[kMixFaultKey], kMixFaultKey)
+                               : Result<Fault>(faultError("a mix entry is {\"fault\", \"p\"}"));
+        if (!fault) {
+          return fault.error();
+        }
+        const auto probability = entry.find(kMixProbabilityKey);
+        if (probability == entry.end() || !probability->is_number() ||
+            !(probability->get<double>() >= 0.0) || probability->get<double>() > 1.0) {
+          return faultError("a mix entry's \"p\" must be a number from 0 to 1");
+        }
+        plan.mix.push_back({*fault, probability->get<double>()});
+      }
+    } else {
+      return faultError("\"rates\" must be a text or an array");
+    }
+  }
+  if (auto error = plan.probabilityError()) {
+    return *error;
+  }
+  if (auto seed = json.find(kSeedKey); seed != json.end()) {
     if (!seed->is_number_unsigned()) {
       return faultError("\"seed\" must be a non-negative integer");
     }
@@ -144,7 +233,16 @@ nlohmann::json FaultPlan::toJson() const {
   for (const auto& fault : script) {
     scriptJson.push_back(fault.text());
   }
-  return {{"script", scriptJson}, {"rate", rate}, {"rate_fault", rateFault.text()}, {"seed", seed}};
+  nlohmann::json mixJson = nlohmann::json::array();
+  for (const auto& weighted : mix) {
+    mixJson.push_back(
+        {{kMixFaultKey, weighted.fault.text()}, {kMixProbabilityKey, weighted.probability}});
+  }
+  return {{kScriptKey, scriptJson},
+          {kRateKey, rate},
+          {kRateFaultKey, rateFault.text()},
+          {kMixKey, mixJson},
+          {kSeedKey, seed}};
 }
 
 void FaultInjector::reset(FaultPlan plan) {
@@ -158,8 +256,20 @@ Fault FaultInjector::next() {
     plan_.script.pop_front();
     return fault;
   }
-  if (plan_.rate > 0.0 && std::uniform_real_distribution<double>(0.0, 1.0)(random_) < plan_.rate) {
+  if (plan_.rate <= 0.0 && plan_.mix.empty()) {
+    return Fault{};
+  }
+  // One draw per request: the rate fault and the mix share [0, 1) in turn, the rest passes.
+  double draw = std::uniform_real_distribution<double>(0.0, 1.0)(random_);
+  if (draw < plan_.rate) {
     return plan_.rateFault;
+  }
+  draw -= plan_.rate;
+  for (const auto& weighted : plan_.mix) {
+    if (draw < weighted.probability) {
+      return weighted.fault;
+    }
+    draw -= weighted.probability;
   }
   return Fault{};
 }

@@ -29,21 +29,45 @@ struct Fault {
   bool operator==(const Fault&) const = default;
 };
 
+// The members of a fault plan's JSON form, as the admin endpoint takes and reports it.
+inline constexpr std::string_view kScriptKey = "script";
+inline constexpr std::string_view kRateKey = "rate";
+inline constexpr std::string_view kRateFaultKey = "rate_fault";
+inline constexpr std::string_view kMixKey = "rates";
+inline constexpr std::string_view kMixFaultKey = "fault";
+inline constexpr std::string_view kMixProbabilityKey = "p";
+inline constexpr std::string_view kSeedKey = "seed";
+
+// A fault met with a probability of its own.
+struct WeightedFault {
+  Fault fault;
+  double probability = 0.0;
+  bool operator==(const WeightedFault&) const = default;
+};
+
 // A script of faults applied to the next API requests, one each, in order; once it is used up,
-// each request meets `rateFault` with probability `rate` (the draws come from `seed`, so a run
-// can be repeated).
+// each request meets `rateFault` with probability `rate`, or one of the `mix` faults with its
+// own probability; the probabilities together are at most 1 (the draws come from `seed`, so a
+// run can be repeated).
 struct FaultPlan {
   std::deque<Fault> script;
   double rate = 0.0;
   Fault rateFault{Fault::Kind::status, 500, {}};
+  std::vector<WeightedFault> mix;
   std::uint64_t seed = 1;
 
   // A comma-separated script, e.g. "500,drop,delay:1500,pass".
   static Result<std::deque<Fault>> parseScript(std::string_view text);
-  // {"script": ["503", "drop"] or "503,drop", "rate": 0.1, "rate_fault": "503", "seed": 7};
-  // every member is optional.
+  // A comma-separated mix of FAULT=PROBABILITY, e.g. "500=0.15,503=0.15,drop=0.03,delay:2500=0.02";
+  // refused when a probability is outside 0...1 or they add up to more than 1.
+  static Result<std::vector<WeightedFault>> parseMix(std::string_view text);
+  // {"script": ["503", "drop"] or "503,drop", "rate": 0.1, "rate_fault": "503",
+  //  "rates": [{"fault": "500", "p": 0.15}, ...] or "500=0.15,...", "seed": 7}; every member is
+  // optional.
   static Result<FaultPlan> fromJson(const nlohmann::json& json);
   nlohmann::json toJson() const;
+  // Why the rate and the mix cannot be drawn from (together above 1), or nothing.
+  std::optional<Error> probabilityError() const;
 };
 
 // The plan in force and its random source. Not thread-safe: the server guards it with a mutex.

@@ -25,8 +25,10 @@ Examples:
   kestrova-server serve --db data.sqlite --port 8080 --secret s3cret
   kestrova-server serve --port 0 --secret s3cret --faults 503,drop,delay:2000,pass
   kestrova-server serve --port 8080 --secret s3cret --fault-rate 0.2 --rate-fault 429
+  kestrova-server serve --port 0 --secret s3cret --fault-mix 500=0.15,503=0.15,drop=0.03
   kestrova-server stats --port 8080
   kestrova-server faults --port 8080 --script 500,500 --rate 0.1 --rate-fault drop
+  kestrova-server faults --port 8080 --mix 503=0.2,403=0.05,delay:2500=0.02
   kestrova-server faults --port 8080 --clear
 
 Endpoints of a running server (relative to http://HOST:PORT):
@@ -37,19 +39,21 @@ Endpoints of a running server (relative to http://HOST:PORT):
   POST /api/v1.3/ingest/         one data point (a JSON object) or a JSON array of them
   GET  /api/v1.3/_stats          data points per schema and profile, duplicates, requests
   GET|POST|DELETE /_admin/faults the fault plan (loopback clients only); POST takes
-                                 {"script": "503,drop", "rate": 0.1, "rate_fault": "500", "seed": 1}
+                                 {"script": "503,drop", "rate": 0.1, "rate_fault": "500",
+                                  "rates": [{"fault": "503", "p": 0.2}], "seed": 1}
 
 Faults: a status code (e.g. 500, 503, 403, 429) answered instead of the request; drop (the
 connection is closed without an answer); delay:MS (the request is answered after MS
 milliseconds); pass (answered as usual). A script applies to the next API requests in order;
-after it, each request meets the rate fault with the given probability.)";
+after it, each request meets the rate fault with the given probability, or one fault of the
+mix (FAULT=PROBABILITY,...) with its own; the probabilities add up to at most 1.)";
 
 bool isLoopbackHost(const std::string& host) {
   return host == "localhost" || host.starts_with("127.") || host == "::1";
 }
 
 int serve(ServerOptions options, const std::string& script, double rate,
-          const std::string& rateFault, std::uint64_t seed) {
+          const std::string& rateFault, const std::string& mix, std::uint64_t seed) {
   auto parsedScript = FaultPlan::parseScript(script);
   if (!parsedScript) {
     std::cerr << "--faults: " << parsedScript.error().description << "\n";
@@ -60,10 +64,20 @@ int serve(ServerOptions options, const std::string& script, double rate,
     std::cerr << "--rate-fault: " << parsedRateFault.error().description << "\n";
     return 2;
   }
+  auto parsedMix = FaultPlan::parseMix(mix);
+  if (!parsedMix) {
+    std::cerr << "--fault-mix: " << parsedMix.error().description << "\n";
+    return 2;
+  }
   options.faults.script = std::move(parsedScript).value();
   options.faults.rate = rate;
   options.faults.rateFault = *parsedRateFault;
+  options.faults.mix = std::move(parsedMix).value();
   options.faults.seed = seed;
+  if (auto error = options.faults.probabilityError()) {
+    std::cerr << "--fault-rate with --fault-mix: " << error->description << "\n";
+    return 2;
+  }
   if (!isLoopbackHost(options.host)) {
     kestrova::logInfo("kestrova-server",
                       "Listening on %{public}@, which is not loopback: the admin endpoint still "
@@ -119,6 +133,7 @@ int run(int argc, char** argv) {
   std::string script;
   double rate = 0.0;
   std::string rateFault = "500";
+  std::string mix;
   std::uint64_t seed = 1;
   auto* serveCommand = app.add_subcommand("serve", "Run the server until SIGINT or SIGTERM.");
   serveCommand
@@ -139,6 +154,9 @@ int run(int argc, char** argv) {
       ->capture_default_str();
   serveCommand->add_option("--rate-fault", rateFault, "fault met at --fault-rate")
       ->capture_default_str();
+  serveCommand->add_option("--fault-mix", mix,
+                           "faults each met with a probability of its own after the script, "
+                           "e.g. 500=0.15,503=0.15,drop=0.03,delay:2500=0.02");
   serveCommand->add_option("--seed", seed, "seed of the fault draws")->capture_default_str();
   serveCommand->add_option("--threads", options.threads, "connections served at once")
       ->check(CLI::Range(2, 256))
@@ -161,6 +179,7 @@ int run(int argc, char** argv) {
   std::string newScript;
   std::optional<double> newRate;
   std::string newRateFault;
+  std::optional<std::string> newMix;
   std::optional<std::uint64_t> newSeed;
   bool clear = false;
   auto* faultsCommand =
@@ -171,6 +190,7 @@ int run(int argc, char** argv) {
   faultsCommand->add_option("--rate", newRate, "new probability of the rate fault")
       ->check(CLI::Range(0.0, 1.0));
   faultsCommand->add_option("--rate-fault", newRateFault, "new rate fault, e.g. 503");
+  faultsCommand->add_option("--mix", newMix, "new fault mix, e.g. 503=0.2,drop=0.05");
   faultsCommand->add_option("--seed", newSeed, "new seed of the fault draws");
   faultsCommand->add_flag("--clear", clear, "remove every fault");
 
@@ -190,9 +210,10 @@ int run(int argc, char** argv) {
       "\nExamples:\n  kestrova-server faults --port 8080\n"
       "  kestrova-server faults --port 8080 --script 500,drop,delay:3000,pass\n"
       "  kestrova-server faults --port 8080 --rate 0.1 --rate-fault 503 --seed 7\n"
+      "  kestrova-server faults --port 8080 --mix 503=0.2,drop=0.05\n"
       "  kestrova-server faults --port 8080 --clear\n\nA fault is a status code, drop, "
       "delay:MS or pass. A new script replaces the old one; options left out take their "
-      "defaults (rate 0, rate fault 500, seed 1).");
+      "defaults (rate 0, rate fault 500, no mix, seed 1).");
 
   try {
     app.parse(argc, argv);
@@ -203,7 +224,7 @@ int run(int argc, char** argv) {
   if (*serveCommand) {
     options.database =
         database == ":memory:" ? std::filesystem::path() : std::filesystem::path(database);
-    return serve(std::move(options), script, rate, rateFault, seed);
+    return serve(std::move(options), script, rate, rateFault, mix, seed);
   }
   if (*tokenCommand) {
     const auto now = std::chrono::duration_cast<std::chrono::seconds>(
@@ -218,20 +239,23 @@ int run(int argc, char** argv) {
   if (clear) {
     return client(host, port, "DELETE", "/_admin/faults", "");
   }
-  const bool changing = !newScript.empty() || newRate || !newRateFault.empty() || newSeed;
+  const bool changing = !newScript.empty() || newRate || !newRateFault.empty() || newMix || newSeed;
   if (!changing) {
     return client(host, port, "GET", "/_admin/faults", "");
   }
   nlohmann::json plan = nlohmann::json::object();
-  plan["script"] = newScript;
+  plan[kestrova::server::kScriptKey] = newScript;
   if (newRate) {
-    plan["rate"] = *newRate;
+    plan[kestrova::server::kRateKey] = *newRate;
   }
   if (!newRateFault.empty()) {
-    plan["rate_fault"] = newRateFault;
+    plan[kestrova::server::kRateFaultKey] = newRateFault;
+  }
+  if (newMix) {
+    plan[kestrova::server::kMixKey] = *newMix;
   }
   if (newSeed) {
-    plan["seed"] = *newSeed;
+    plan[kestrova::server::kSeedKey] = *newSeed;
   }
   return client(host, port, "POST", "/_admin/faults", plan.dump());
 }
