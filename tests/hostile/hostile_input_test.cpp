@@ -188,9 +188,6 @@ class FullDisk final : public FileSystem {
   Result<std::uintmax_t> fileSize(const fs::path& path) const override {
     return disk_->fileSize(path);
   }
-  Result<std::vector<std::string>> removeUnfinishedWrites(const fs::path& directory) override {
-    return disk_->removeUnfinishedWrites(directory);
-  }
 
  private:
   std::shared_ptr<FileSystem> disk_;
