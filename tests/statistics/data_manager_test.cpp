@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -177,11 +178,16 @@ class DataManagerTest : public ::testing::Test {
   }
   void settle() {
     queue()->sync([] {});
+    waitUntil([&] { return api_->apiQueue()->operationCount() == 0; });
+    queue()->sync([] {});
+  }
+  // For what happens on other threads after the last queue this test can wait on, such as a
+  // finished operation being released by its queue.
+  static void waitUntil(const std::function<bool()>& done) {
     const auto deadline = std::chrono::steady_clock::now() + seconds(20);
-    while (api_->apiQueue()->operationCount() > 0 && std::chrono::steady_clock::now() < deadline) {
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::yield();
     }
-    queue()->sync([] {});
   }
   std::size_t sent() const { return session_->requests().size(); }
 
@@ -293,10 +299,7 @@ TEST_F(DataManagerTest, ATickWaitsUntilThePreviousTickOfItsFamilyIsAnswered) {
   manager_->storeHeartRateStatistics(heartRates(nine_, 2));
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
-  const auto deadline = std::chrono::steady_clock::now() + seconds(20);
-  while (sent() == 0 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
+  waitUntil([&] { return sent() == 1; });
   ASSERT_EQ(sent(), 1u);
   manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(30), 1));
   queue()->sync([] {});
@@ -304,8 +307,10 @@ TEST_F(DataManagerTest, ATickWaitsUntilThePreviousTickOfItsFamilyIsAnswered) {
   queue()->sync([] {});
   EXPECT_EQ(sent(), 1u);
 
-  // Once answered, the first two are marked and only the third goes.
+  // Once answered, the first two are marked and only the third goes. The tick ends when its
+  // last request is released, which the operation queue may do after the count reaches zero.
   session_->release();
+  waitUntil([&] { return sent() == 2; });
   settle();
   ASSERT_EQ(sent(), 2u);
   EXPECT_EQ(body(session_->requests()[1]).size(), 1u);
