@@ -132,11 +132,14 @@ void EmbeddedHealthStore::startPolling() {
   std::weak_ptr<EmbeddedHealthStore> weak = weak_from_this();
   changeQueue_->async([weak] {
     if (auto self = weak.lock()) {
-      self->pollTimer_ = self->options_.clock->makeTimer(self->changeQueue_, [weak] {
-        if (auto store = weak.lock()) {
-          store->poll();
-        }
-      });
+      self->pollTimer_ = self->options_.clock->makeTimer(
+          self->changeQueue_,
+          [weak] {
+            if (auto store = weak.lock()) {
+              store->poll();
+            }
+          },
+          TimerPurpose::watches);
       self->pollTimer_->schedule(self->options_.changePollInterval);
     }
   });

@@ -31,6 +31,11 @@ class Timer {
   virtual bool isArmed() const = 0;
 };
 
+// What an armed timer means to a host that waits for the library to finish its work (see
+// activity.h): a timer that finishes work counts as work under way; one that only watches for
+// changes does not, or the library would never be idle.
+enum class TimerPurpose { finishesWork, watches };
+
 class Clock {
  public:
   virtual ~Clock() = default;
@@ -39,7 +44,11 @@ class Clock {
 
   // The handler runs on `queue` when the timer fires.
   virtual std::unique_ptr<Timer> makeTimer(std::shared_ptr<DispatchQueue> queue,
-                                           std::function<void()> handler) = 0;
+                                           std::function<void()> handler, TimerPurpose purpose) = 0;
+  std::unique_ptr<Timer> makeTimer(std::shared_ptr<DispatchQueue> queue,
+                                   std::function<void()> handler) {
+    return makeTimer(std::move(queue), std::move(handler), TimerPurpose::finishesWork);
+  }
 };
 
 // The clock of the machine: wall time from the system clock, timers on the steady clock.

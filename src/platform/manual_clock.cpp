@@ -127,7 +127,7 @@ Date ManualClock::now() const {
 }
 
 std::unique_ptr<Timer> ManualClock::makeTimer(std::shared_ptr<DispatchQueue> queue,
-                                              std::function<void()> handler) {
+                                              std::function<void()> handler, TimerPurpose) {
   auto timer =
       std::make_unique<ManualTimer>(weak_from_this(), std::move(queue), std::move(handler));
   std::lock_guard lock(mutex_);

@@ -18,8 +18,10 @@ class ManualClock : public Clock, public std::enable_shared_from_this<ManualCloc
   static std::shared_ptr<ManualClock> make(Date start);
 
   Date now() const override;
+  using Clock::makeTimer;
+  // Manual time is no work under way, so the purpose makes no difference.
   std::unique_ptr<Timer> makeTimer(std::shared_ptr<DispatchQueue> queue,
-                                   std::function<void()> handler) override;
+                                   std::function<void()> handler, TimerPurpose purpose) override;
 
   // Moves time forward by `by`, firing every armed timer whose deadline is reached, in deadline
   // order (timers with the same deadline in the order they were armed). Handlers are submitted

@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "platform/activity.h"
 #include "platform/log.h"
 
 namespace kestrova {
@@ -97,6 +98,13 @@ OperationQueue::OperationQueue(std::string name, QualityOfService qos,
       queue_(std::move(queue)),
       maxConcurrent_(std::max(1, maxConcurrent)) {}
 
+OperationQueue::~OperationQueue() {
+  // What is left finishes unobserved: it no longer counts as this queue's work under way.
+  for (std::size_t i = 0; i < waiting_.size() + running_.size(); ++i) {
+    activity::end();
+  }
+}
+
 const std::string& OperationQueue::name() const {
   return name_;
 }
@@ -124,6 +132,8 @@ void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
       self->operationChanged(changed, key);
     }
   });
+  // Work under way until the operation finishes (operationChanged).
+  activity::begin();
   {
     std::lock_guard lock(mutex_);
     waiting_.push_back(std::move(operation));
@@ -202,6 +212,7 @@ void OperationQueue::operationChanged(Operation& operation, std::string_view key
     }
   }
   startReadyOperations();
+  activity::end();
 }
 
 }  // namespace kestrova

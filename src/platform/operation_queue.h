@@ -58,6 +58,10 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
  public:
   // `queue` is where operations are started; at most `maxConcurrentOperationCount` (at least 1)
   // are started and not yet finished at once.
+  ~OperationQueue();
+  OperationQueue(const OperationQueue&) = delete;
+  OperationQueue& operator=(const OperationQueue&) = delete;
+
   static std::shared_ptr<OperationQueue> make(std::string name, QualityOfService qos,
                                               std::shared_ptr<DispatchQueue> queue,
                                               int maxConcurrentOperationCount = 1);

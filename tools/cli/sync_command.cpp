@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "platform/activity.h"
 #include "tools/cli/library_session.h"
 
 namespace kestrova::cli {
@@ -32,11 +33,9 @@ constexpr std::string_view kReportNothing = "  nothing new\n";
 constexpr std::string_view kReportFooter =
     "%d statistics uploads; %zu files pending, %d uploads failed, %.1f s\n";
 
-// Seam: statistics are uploaded straight from their store a few seconds after they are
-// recorded, without an upload file, and the statistics pipeline does not say when it is idle.
-// Until it does, sync counts it idle once neither files nor uploads have changed for this long
-// (longer than its upload delay of 3 s).
-constexpr auto kSettle = std::chrono::seconds(4);
+// How long the library must stay idle, with no upload file left, before sync counts the
+// delivery done: a few polls, so that one reading is never the whole verdict.
+constexpr auto kSettle = std::chrono::milliseconds(250);
 constexpr auto kPoll = std::chrono::milliseconds(50);
 constexpr auto kPlainProgressInterval = std::chrono::seconds(2);
 
@@ -59,10 +58,8 @@ int runSync(const SyncArguments& arguments, const CommonOptions& common) {
 
   const bool terminal = ::isatty(STDERR_FILENO) == 1;
   const bool showProgress = !common.quiet;
-  auto lastChange = Clock::now();
+  auto busySince = Clock::now();
   auto lastPlainLine = Clock::time_point{};
-  std::size_t lastPending = 0;
-  int lastOutcomes = -1;
   std::size_t pending = 0;
   UploadLog::Counts counts;
   bool settled = false;
@@ -70,12 +67,11 @@ int runSync(const SyncArguments& arguments, const CommonOptions& common) {
     pending = pendingFiles(*connection.platform).size();
     counts = log.counts();
     const auto now = Clock::now();
-    if (pending != lastPending || counts.outcomes() != lastOutcomes) {
-      lastChange = now;
-      lastPending = pending;
-      lastOutcomes = counts.outcomes();
-    }
-    if (pending == 0 && now - lastChange >= kSettle) {
+    // Idle means the statistics timers have fired and their requests are answered too: they
+    // leave no upload file behind to wait for.
+    if (pending != 0 || !activity::idle()) {
+      busySince = now;
+    } else if (now - busySince >= kSettle) {
       settled = true;
       break;
     }

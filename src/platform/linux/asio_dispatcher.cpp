@@ -13,6 +13,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/activity.h"
 #include "platform/dispatch.h"
 #include "platform/log.h"
 
@@ -157,11 +158,15 @@ class AsioQueue : public DispatchQueue, public std::enable_shared_from_this<Asio
       return;
     }
     // The item keeps its queue alive, as a queue with work pending stays alive on the platform;
-    // the cycle through the strand ends when the item runs or is refused.
+    // the cycle through the strand ends when the item runs or is refused. Whatever the work
+    // queues from within counts before the work itself stops counting.
+    activity::begin();
     const bool accepted = submit([self = shared_from_this(), work = std::move(work)] {
       runAs(*self, self->core_.get(), work);
+      activity::end();
     });
     if (!accepted) {
+      activity::end();
       logDropped();
     }
   }

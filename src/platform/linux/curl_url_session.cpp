@@ -10,6 +10,7 @@
 #include <mutex>
 #include <thread>
 
+#include "platform/activity.h"
 #include "platform/log.h"
 #include "platform/url_session.h"
 
@@ -206,6 +207,16 @@ class SessionCore : public std::enable_shared_from_this<SessionCore> {
   bool valid() const { return static_cast<bool>(multi_); }
 
   std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request, DataTaskCompletion completion) {
+    // A request is work under way until its completion has run, including whatever the
+    // completion's captures queue when they are released.
+    completion = [busy = std::make_shared<activity::Busy>(), inner = std::move(completion)](
+                     std::optional<Bytes> data, std::optional<HTTPURLResponse> response,
+                     std::optional<Error> error) mutable {
+      auto run = std::move(inner);
+      if (run) {
+        run(std::move(data), std::move(response), std::move(error));
+      }
+    };
     std::uint64_t id = 0;
     bool refused = false;
     {

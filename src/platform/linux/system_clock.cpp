@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/activity.h"
 #include "platform/clock.h"
 #include "platform/dispatch.h"
 
@@ -24,11 +25,22 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 // What a firing needs of a timer. Only the Timer object holds it strongly, so destroying the
 // Timer makes every pending firing find nothing; holds no reference back to the service.
 struct TimerState {
-  TimerState(std::shared_ptr<DispatchQueue> queue, std::function<void()> handler)
-      : queue(std::move(queue)), handler(std::move(handler)) {}
+  TimerState(std::shared_ptr<DispatchQueue> queue, std::function<void()> handler,
+             TimerPurpose purpose)
+      : queue(std::move(queue)), handler(std::move(handler)), purpose(purpose) {}
 
   const std::shared_ptr<DispatchQueue> queue;
   const std::function<void()> handler;
+  const TimerPurpose purpose;
+
+  // Called under `mutex` to arm or cancel: an armed timer that finishes work is work under
+  // way. A firing disarms by itself.
+  void setArmed(bool now) {
+    if (now != armed && purpose == TimerPurpose::finishesWork) {
+      now ? activity::begin() : activity::end();
+    }
+    armed = now;
+  }
 
   std::mutex mutex;  // owns generation and armed
   // Changes with every schedule() and cancel(), so a firing of an earlier arming is ignored.
@@ -77,7 +89,7 @@ class TimerService {
     {
       std::lock_guard lock(state->mutex);
       generation = ++state->generation;
-      state->armed = true;
+      state->setArmed(true);
     }
     bool earliest = false;
     {
@@ -135,7 +147,11 @@ class TimerService {
         }
         state->armed = false;
       }
+      // The firing counts as work before the arming stops counting.
       submitFiring(state, entry.generation);
+      if (state->purpose == TimerPurpose::finishesWork) {
+        activity::end();
+      }
     }
   }
 
@@ -153,9 +169,9 @@ class TimerService {
 class SystemTimer final : public Timer {
  public:
   SystemTimer(std::shared_ptr<TimerService> service, std::shared_ptr<DispatchQueue> queue,
-              std::function<void()> handler)
+              std::function<void()> handler, TimerPurpose purpose)
       : service_(std::move(service)),
-        state_(std::make_shared<TimerState>(std::move(queue), std::move(handler))) {}
+        state_(std::make_shared<TimerState>(std::move(queue), std::move(handler), purpose)) {}
 
   ~SystemTimer() override { cancel(); }
 
@@ -173,7 +189,7 @@ class SystemTimer final : public Timer {
   void cancel() override {
     std::lock_guard lock(state_->mutex);
     ++state_->generation;
-    state_->armed = false;
+    state_->setArmed(false);
   }
 
   bool isArmed() const override {
@@ -190,9 +206,10 @@ class SystemClock final : public Clock {
  public:
   Date now() const override { return std::chrono::system_clock::now(); }
 
+  using Clock::makeTimer;
   std::unique_ptr<Timer> makeTimer(std::shared_ptr<DispatchQueue> queue,
-                                   std::function<void()> handler) override {
-    return std::make_unique<SystemTimer>(service(), std::move(queue), std::move(handler));
+                                   std::function<void()> handler, TimerPurpose purpose) override {
+    return std::make_unique<SystemTimer>(service(), std::move(queue), std::move(handler), purpose);
   }
 
  private:
