@@ -61,7 +61,8 @@ class API {
   // Sends one upload file to the ingest endpoint of its directory; status 200 deletes it, so
   // does a profile without a stored token; anything else keeps it for the next sweep.
   void upload(FileNameComponents fileName, bool bulk) const;
-  // Uploads every file of the single-upload directory, then of the bulk one, in listing order.
+  // Uploads every file of the single-upload directory, then of the bulk one, in listing order,
+  // after removing the unfinished files of writes that a crash cut short.
   void uploadPending() const;
 
  private:

@@ -62,6 +62,8 @@ void API::upload(FileNameComponents fileName, bool bulk) const {
 }
 
 void API::uploadPending() const {
+  // A restart also finds the writes that a crash cut short: nothing would ever remove them.
+  fileServer_.removeUnfinishedWrites();
   for (auto& fileName : fileServer_.list(false)) {
     upload(std::move(fileName), false);
   }

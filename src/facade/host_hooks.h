@@ -7,7 +7,8 @@
 namespace kestrova::host {
 
 // Sends every upload file on disk to the back end again, through the configured instance's
-// API queue; the outcomes are logged as those of any upload. False when nothing is configured.
+// API queue, and the stored statistics it has not accepted yet; the outcomes are logged as
+// those of any upload. False when nothing is configured.
 bool retryPendingUploads() noexcept;
 
 // Stops collection and keeps everything else: the connected profile, the anchors, the stored

@@ -345,9 +345,16 @@ void configureInstance(const std::shared_ptr<Instance>& instance, const Kestrova
   }
   if (auto profile = instance->profiles.storedProfile()) {
     validateProfile(instance, profile->id,
-                    [weak = std::weak_ptr<Instance>(instance)](bool success, std::optional<Error>) {
+                    [weak = std::weak_ptr<Instance>(instance), id = profile->id](
+                        bool success, std::optional<Error>) {
                       auto self = weak.lock();
-                      if (success && self) {
+                      // A disconnect (or another profile) while the answer was on its way wins:
+                      // nothing may be collected for a profile that is no longer connected.
+                      if (!success || !self) {
+                        return;
+                      }
+                      const auto stored = self->profiles.storedProfile();
+                      if (stored && stored->id == id) {
                         startCollection(self);
                       }
                     });
@@ -468,14 +475,17 @@ bool retryPendingUploads() noexcept {
       return false;
     }
     std::shared_ptr<const API> api;
+    std::shared_ptr<DataManager> dataManager;
     {
       std::lock_guard lock(instance->mutex);
       api = instance->api;
+      dataManager = instance->dataManager;
     }
-    if (!api) {
+    if (!api || !dataManager) {
       return false;
     }
     api->uploadPending();
+    dataManager->uploadNow();
     return true;
   } catch (const std::exception& e) {
     logError(kCategory, kUnexpectedFailure, {"retryPendingUploads", e.what()});

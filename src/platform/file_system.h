@@ -30,6 +30,15 @@ class FileSystem {
   virtual Result<std::vector<std::string>> listDirectory(
       const std::filesystem::path& path) const = 0;
   virtual Result<std::uintmax_t> fileSize(const std::filesystem::path& path) const = 0;
+  // Removes the temporary files of writes into `directory` that never finished, because the
+  // process was killed or the machine stopped mid-write, and returns their names. Must not
+  // run while a write into the directory is under way. Implementations that write in place
+  // leave none.
+  virtual Result<std::vector<std::string>> removeUnfinishedWrites(
+      const std::filesystem::path& directory) {
+    (void)directory;
+    return std::vector<std::string>{};
+  }
 };
 
 // Files on the local disk, with `root` as the documents directory.

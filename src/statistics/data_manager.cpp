@@ -147,7 +147,20 @@ void DataManager::storeDailySummaryStatistics(std::vector<Statistics> statistics
 }
 
 void DataManager::deleteAllStoredStatistics() {
-  queue_->async([store = store_] { store->deleteAll(); });
+  // Waits: a host that exits (or is killed) right after disconnecting would otherwise keep
+  // figures marked as sent, which the next connection then never receives.
+  queue_->sync([store = store_] { store->deleteAll(); });
+}
+
+void DataManager::uploadNow() {
+  for (auto family :
+       {Family::heartRateSamples, Family::dailyDetailSamples, Family::dailySummaries}) {
+    queue_->async([weak = weak_from_this(), family] {
+      if (auto self = weak.lock()) {
+        self->tick(family);
+      }
+    });
+  }
 }
 
 void DataManager::uploadHeartRateSamples() {

@@ -57,7 +57,12 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   void storeDailyDetailStatistics(std::vector<Statistics> statistics, ObjectType quantityType);
   void storeDailySummaryStatistics(std::vector<Statistics> statistics);
 
+  // Returns once the store is empty (after the batches queued before it).
   void deleteAllStoredStatistics();
+
+  // Runs every family's tick now: sends what the back end has not accepted yet, for a host
+  // that retries after failed uploads instead of waiting for the next figures.
+  void uploadNow();
 
  private:
   enum class Family { heartRateSamples, dailyDetailSamples, dailySummaries };

@@ -31,6 +31,10 @@ constexpr std::string_view kCannotFind = "Cannot find file: %{public}@";
 constexpr std::string_view kDeleted = "Deleted file %{public}@";
 constexpr std::string_view kDeleteFailed = "Cannot delete file, error: %{public}@";
 constexpr std::string_view kCannotOpenDirectory = "Cannot open directory %{public}@";
+constexpr std::string_view kUnfinishedRemoved =
+    "Removed the unfinished file of an interrupted write: %{public}@";
+constexpr std::string_view kUnfinishedNotRemoved =
+    "Cannot remove the unfinished files of interrupted writes: %{public}@";
 
 // Free of FileServer so that work left on the write queue never needs the server itself.
 std::optional<fs::path> uploadDirectory(FileSystem& files, bool bulk) {
@@ -202,6 +206,25 @@ std::vector<FileNameComponents> FileServer::list(bool bulk) const {
     }
   }
   return components;
+}
+
+void FileServer::removeUnfinishedWrites() const {
+  writeQueue_->async([files = files_] {
+    for (bool bulk : {false, true}) {
+      const auto directory = uploadDirectory(*files, bulk);
+      if (!directory) {
+        continue;
+      }
+      auto removed = files->removeUnfinishedWrites(*directory);
+      if (!removed) {
+        logError(kCategory, kUnfinishedNotRemoved, {removed.error().text()});
+        continue;
+      }
+      for (const auto& name : removed.value()) {
+        logInfo(kCategory, kUnfinishedRemoved, {(*directory / name).string()});
+      }
+    }
+  });
 }
 
 FileNameComponents FileServer::makeBatchComponents(std::string_view prefix, std::string profileId,

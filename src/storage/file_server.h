@@ -63,6 +63,12 @@ class FileServer {
   std::optional<Bytes> read(const FileNameComponents& components, bool bulk);
   void remove(const FileNameComponents& components, bool bulk);
   std::vector<FileNameComponents> list(bool bulk) const;
+  // Removes, on the write queue, the temporary files of writes that a crash cut short, each
+  // with a log line: their payloads were never complete, so their batches were never marked
+  // as collected and are fetched again.
+  // NOTE: another process writing into the same data directory at that moment loses its
+  // temporary file, and so that write attempt; its retry writes the file again.
+  void removeUnfinishedWrites() const;
 
   // Components for a batch of one family: the sample id is `prefix` followed by the GMT
   // timestamp of `now`; a second batch of the same prefix in the same millisecond gets a

@@ -2,11 +2,8 @@
 // import of a real export, and the reference server on 127.0.0.1 checked afterwards.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -15,6 +12,7 @@
 
 #include "server/jwt.h"
 #include "server/server.h"
+#include "support/child_process.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -39,14 +37,7 @@ constexpr std::string_view kLaterExport = R"(<?xml version="1.0" encoding="UTF-8
 )";
 
 bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return true;
+  return testing::eventually(condition, kDeadline);
 }
 
 struct CommandRun {
@@ -57,36 +48,27 @@ struct CommandRun {
   nlohmann::json json() const { return nlohmann::json::parse(out); }
 };
 
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
+// The words of a command line; the tests' arguments hold no quoted spaces.
+std::vector<std::string> words(const std::string& line) {
+  std::vector<std::string> result;
+  std::istringstream in(line);
+  for (std::string word; in >> word;) {
+    result.push_back(word);
+  }
+  return result;
 }
 
 // `kestrova watch --json` running in the background; its events are read as they are written.
 class Watch {
  public:
-  Watch(const std::string& commandLine, std::filesystem::path out) : out_(std::move(out)) {
-    const std::string shell = "exec " + commandLine;
-    const char* argv[] = {"/bin/sh", "-c", shell.c_str(), nullptr};
-    if (::posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
-      pid_ = -1;
-    }
-  }
-  ~Watch() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-  }
+  explicit Watch(std::unique_ptr<testing::ChildProcess> process) : process_(std::move(process)) {}
 
-  bool started() const { return pid_ > 0; }
+  bool started() const { return process_->started(); }
 
   // Every complete line so far.
   std::vector<nlohmann::json> events() const {
     std::vector<nlohmann::json> events;
-    std::istringstream lines(readFile(out_));
+    std::istringstream lines(process_->out());
     std::string line;
     while (std::getline(lines, line) && !lines.eof()) {
       events.push_back(nlohmann::json::parse(line));
@@ -111,20 +93,11 @@ class Watch {
   }
 
   // Sends `signal` and returns the exit code; -1 when the command did not end in time.
-  int stop(int signal) {
-    ::kill(pid_, signal);
-    int status = 0;
-    const bool ended = eventually([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; });
-    if (!ended) {
-      return -1;
-    }
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
+  int stop(int signal) { return process_->stop(signal, kDeadline).value_or(-1); }
+  std::string err() const { return process_->err(); }
 
  private:
-  std::filesystem::path out_;
-  pid_t pid_ = -1;
+  std::unique_ptr<testing::ChildProcess> process_;
 };
 
 class CliTest : public ::testing::Test {
@@ -137,41 +110,34 @@ class CliTest : public ::testing::Test {
     server_ = std::move(started).value();
   }
 
-  void TearDown() override { ::unsetenv("KESTROVA_TOKEN"); }
-
-  // Runs kestrova with `arguments` (shell words) and the token, if any, in the environment
-  // only, as a user is told to.
+  // Runs kestrova with `arguments` (words) and the token, if any, in its environment only, as
+  // a user is told to.
   CommandRun kestrova(const std::string& arguments, const std::string& token = "") {
-    if (token.empty()) {
-      ::unsetenv("KESTROVA_TOKEN");
-    } else {
-      ::setenv("KESTROVA_TOKEN", token.c_str(), 1);
-    }
-    const auto out = dir_.path() / "out.txt";
-    const auto err = dir_.path() / "err.txt";
-    const int status = std::system(commandLine(arguments, out, err).c_str());
-    CommandRun run;
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.out = readFile(out);
-    run.err = readFile(err);
-    return run;
+    auto process = start(arguments, token, "command");
+    const auto exitCode = process->wait(kDeadline);
+    return CommandRun{exitCode.value_or(-1), process->out(), process->err()};
   }
 
-  std::string commandLine(const std::string& arguments, const std::filesystem::path& out,
-                          const std::filesystem::path& err) const {
-    return std::string(KESTROVA_CLI_PATH) + " " + arguments + " --data-dir " + data().string() +
-           " >" + out.string() + " 2>" + err.string();
+  std::unique_ptr<testing::ChildProcess> start(const std::string& arguments,
+                                               const std::string& token,
+                                               const std::string& outputName) const {
+    auto argv = words(arguments);
+    argv.insert(argv.begin(), KESTROVA_CLI_PATH);
+    argv.push_back("--data-dir");
+    argv.push_back(data().string());
+    // An empty value, when there is no token, hides one the test's own environment may hold.
+    return std::make_unique<testing::ChildProcess>(
+        std::move(argv), dir_.path() / (outputName + ".out"), dir_.path() / (outputName + ".err"),
+        std::vector<std::string>{"KESTROVA_TOKEN=" + token});
   }
 
   std::filesystem::path data() const { return dir_.path() / "data"; }
 
-  // Starts `kestrova watch --json` with the token in the environment.
-  std::unique_ptr<Watch> watch(const std::string& arguments, const std::string& token) {
-    ::setenv("KESTROVA_TOKEN", token.c_str(), 1);
+  // Starts `kestrova watch --json` with the token in its environment.
+  std::unique_ptr<Watch> watch(const std::string& arguments, const std::string& token) const {
     return std::make_unique<Watch>(
-        commandLine("watch --json --since 2010-01-01 --url " + server_->baseUrl() + " " + arguments,
-                    dir_.path() / "watch.out", dir_.path() / "watch.err"),
-        dir_.path() / "watch.out");
+        start("watch --json --since 2010-01-01 --url " + server_->baseUrl() + " " + arguments,
+              token, "watch"));
   }
 
   std::set<std::string> schemasReceived() const {
@@ -318,7 +284,7 @@ TEST_F(CliTest, WatchStopsCleanlyOnSigtermAndDeliversWhatAnotherProcessImports) 
   // Stopped while the first deliveries are being written: nothing is cut off half-way.
   auto first = watch("", token);
   ASSERT_TRUE(first->awaitEvent(connected));
-  EXPECT_EQ(first->stop(SIGTERM), 0) << readFile(dir_.path() / "watch.err");
+  EXPECT_EQ(first->stop(SIGTERM), 0) << first->err();
   ASSERT_FALSE(first->events().empty());
   EXPECT_EQ(first->events().back()["event"], "stopped");
   EXPECT_EQ(first->events().back()["signal"], "SIGTERM");
@@ -346,7 +312,7 @@ TEST_F(CliTest, WatchStopsCleanlyOnSigtermAndDeliversWhatAnotherProcessImports) 
   EXPECT_TRUE(second->awaitEvent([](const auto& event) {
     return event["event"] == "progress" && event["delivered"].value("body", 0) > 0;
   }));
-  EXPECT_EQ(second->stop(SIGTERM), 0) << readFile(dir_.path() / "watch.err");
+  EXPECT_EQ(second->stop(SIGTERM), 0) << second->err();
   EXPECT_EQ(temporaryFiles(), std::vector<std::string>{});
 
   const auto report = kestrova("status --json").json();
@@ -374,7 +340,7 @@ TEST_F(CliTest, WatchRetriesKeptFilesWithBackoffAndDeliversThemOnceTheBackEndRec
   const auto retried = watch->awaitEvent([](const auto& event) {
     return event["event"] == "retry" && event["attempt"] >= 2 && event["pendingFiles"] > 0;
   });
-  ASSERT_TRUE(retried) << readFile(dir_.path() / "watch.err");
+  ASSERT_TRUE(retried) << watch->err();
   EXPECT_TRUE(server_->dataPoints(std::string(kProfile)).empty());
 
   server_->setFaults({});
@@ -382,7 +348,7 @@ TEST_F(CliTest, WatchRetriesKeptFilesWithBackoffAndDeliversThemOnceTheBackEndRec
     return event["event"] == "progress" && event["pendingFiles"] == 0 &&
            event["deliveredFiles"] > 0;
   });
-  EXPECT_TRUE(delivered) << readFile(dir_.path() / "watch.err");
+  EXPECT_TRUE(delivered) << watch->err();
   EXPECT_TRUE(schemasReceived().contains("granola:hk-workout"));
 
   EXPECT_EQ(watch->stop(SIGINT), 0);

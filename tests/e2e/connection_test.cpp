@@ -7,8 +7,7 @@
 #include <map>
 #include <thread>
 
-#include "facade/kestrova_testing.h"
-#include "healthstore/embedded_health_store.h"
+#include "e2e/library_harness.h"
 #include "kestrova/facade.h"
 #include "kestrova/version.h"
 #include "server/server.h"
@@ -19,8 +18,10 @@
 namespace kestrova {
 namespace {
 
+using testing::configureAndWait;
+using testing::connectAndWait;
+using testing::Outcome;
 using testing::utc;
-using Outcome = std::pair<bool, std::optional<KestrovaHealthKitError>>;
 
 constexpr auto kWait = std::chrono::seconds(20);
 constexpr std::string_view kSecret = "e2e-secret";
@@ -89,53 +90,23 @@ class ConnectionTest : public ::testing::Test {
   }
 
   void TearDown() override {
-    Kestrova::disconnect();
-    installPlatform(nullptr);
-    resetSharedInstanceForTesting();
+    testing::stopLibrary();
     log_->uninstall();
   }
 
   // A new process on the same data directory: new platform, new store object, new instance.
   void restart(bool refuseAuthorization = false) {
-    dispatcher_ = makeDispatcher();
-    EmbeddedHealthStoreOptions storeOptions;
-    storeOptions.path = dir_.path() / "healthstore.sqlite";
-    storeOptions.dispatcher = dispatcher_;
-    storeOptions.timeZone = makeFixedTimeZoneSource(*TimeZone::named("Europe/Berlin"));
-    storeOptions.changePollInterval = std::chrono::milliseconds(10);
-    auto store = EmbeddedHealthStore::open(std::move(storeOptions));
-    ASSERT_TRUE(store.ok()) << store.error().text();
-    store_ = std::move(store).value();
-
-    PlatformOptions options;
-    options.applicationIdentifier = "com.example.host";
-    options.dataDirectory = dir_.path();
-    options.timeZone = makeFixedTimeZoneSource(*TimeZone::named("Europe/Berlin"));
-    options.healthStore =
-        refuseAuthorization
-            ? std::shared_ptr<HealthStore>(std::make_shared<RefusingAuthorization>(store_))
-            : store_;
-    auto platform = makeLinuxPlatform(std::move(options));
-    ASSERT_TRUE(platform.ok()) << platform.error().text();
-    platform_ = *platform;
-    installPlatform(platform_);
-    resetSharedInstanceForTesting();
+    testing::StoreWrapper refusing = [](std::shared_ptr<HealthStore> store) {
+      return std::make_shared<RefusingAuthorization>(std::move(store));
+    };
+    auto process = testing::startLibrary(dir_.path(), refuseAuthorization ? refusing : nullptr);
+    ASSERT_TRUE(process.platform);
+    store_ = std::move(process.store);
+    platform_ = std::move(process.platform);
   }
 
   KestrovaConfig config(const std::string& profile) const {
     return KestrovaConfig(server_->tokenFor(profile), server_->baseUrl(), utc(2024, 1, 1));
-  }
-
-  static Outcome configure(const KestrovaConfig& config) {
-    std::promise<Outcome> done;
-    Kestrova::configure(config, [&](bool ok, auto error) { done.set_value({ok, error}); });
-    return done.get_future().get();
-  }
-
-  static Outcome connect() {
-    std::promise<Outcome> done;
-    Kestrova::connect([&](bool ok, auto error) { done.set_value({ok, error}); });
-    return done.get_future().get();
   }
 
   // The server's data points of a profile by schema name, once `expected` are there.
@@ -203,7 +174,6 @@ class ConnectionTest : public ::testing::Test {
   testing::TempDir dir_;
   std::unique_ptr<server::KestrovaServer> server_;
   std::shared_ptr<testing::CapturedLog> log_;
-  std::shared_ptr<Dispatcher> dispatcher_;
   std::shared_ptr<EmbeddedHealthStore> store_;
   std::shared_ptr<const Platform> platform_;
 };
@@ -211,8 +181,8 @@ class ConnectionTest : public ::testing::Test {
 TEST_F(ConnectionTest, EveryFamilyReachesTheServerAndLaterSamplesFollow) {
   saveEveryFamily(utc(2024, 3, 1, 8));
   EXPECT_EQ(Kestrova::currentStatus().value, Kestrova::Status::Case::disconnected);
-  ASSERT_EQ(configure(config("p1")), Outcome(true, std::nullopt));
-  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
+  ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   EXPECT_EQ(Kestrova::currentStatus(), (Kestrova::Status{Kestrova::Status::Case::connected, "p1"}));
   EXPECT_EQ(Kestrova::_currentStatus(), Kestrova::StatusCode::connected);
 
@@ -272,8 +242,8 @@ TEST_F(ConnectionTest, EveryFamilyReachesTheServerAndLaterSamplesFollow) {
 }
 
 TEST_F(ConnectionTest, ReconnectRestartAndDisconnect) {
-  ASSERT_EQ(configure(config("p1")), Outcome(true, std::nullopt));
-  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
+  ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   AnchorStore anchors(platform_->defaults);
   const auto deadline = std::chrono::steady_clock::now() + kWait;
   while (!anchors.storedAnchor("HKQuantityTypeIdentifierBodyMass") &&
@@ -284,23 +254,23 @@ TEST_F(ConnectionTest, ReconnectRestartAndDisconnect) {
 
   // The same profile again: only revalidated.
   log_->clear();
-  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   EXPECT_TRUE(log_->contains("Profile p1 has already been connected"));
 
   // A restart reports the stored profile before configure, and configure resumes collection.
   Kestrova::disconnect();
-  ASSERT_EQ(configure(config("p1")), Outcome(true, std::nullopt));
-  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
+  ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   restart();
   EXPECT_EQ(Kestrova::connectedProfileId(), "p1");
-  ASSERT_EQ(configure(config("p1")), Outcome(true, std::nullopt));
+  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
   saveEveryFamily(utc(2024, 4, 1, 8));
   EXPECT_EQ(waitForSchemas("p1", {{"body-weight", 1}})["body-weight"].size(), 1u);
 
   // Another profile: the first is disconnected first (its anchors go), then the new one is
   // stored.
-  ASSERT_EQ(configure(config("p2")), Outcome(true, std::nullopt));
-  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  ASSERT_EQ(configureAndWait(config("p2")), Outcome(true, std::nullopt));
+  ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   EXPECT_TRUE(log_->contains("Profile p1 has been disconnected"));
   EXPECT_EQ(Kestrova::connectedProfileId(), "p2");
 
@@ -315,17 +285,17 @@ TEST_F(ConnectionTest, ReconnectRestartAndDisconnect) {
 
 TEST_F(ConnectionTest, FailuresOfEveryKind) {
   // connect before configure.
-  EXPECT_EQ(connect(), Outcome(false, KestrovaHealthKitError::noProfileIdProvided()));
+  EXPECT_EQ(connectAndWait(), Outcome(false, KestrovaHealthKitError::noProfileIdProvided()));
 
   // Configuration errors, host tested before scheme.
-  EXPECT_EQ(configure(KestrovaConfig("not-a-token")),
+  EXPECT_EQ(configureAndWait(KestrovaConfig("not-a-token")),
             Outcome(false, KestrovaHealthKitError::invalidToken("not-a-token")));
   const auto token = server_->tokenFor("p1");
-  EXPECT_EQ(configure(KestrovaConfig(token, "/api/v1/")),
+  EXPECT_EQ(configureAndWait(KestrovaConfig(token, "/api/v1/")),
             Outcome(false, KestrovaHealthKitError::invalidHost()));
-  EXPECT_EQ(configure(KestrovaConfig(token, "//example.org/api/")),
+  EXPECT_EQ(configureAndWait(KestrovaConfig(token, "//example.org/api/")),
             Outcome(false, KestrovaHealthKitError::invalidScheme()));
-  EXPECT_EQ(configure(KestrovaConfig(token, "http://exa mple.org/")),
+  EXPECT_EQ(configureAndWait(KestrovaConfig(token, "http://exa mple.org/")),
             Outcome(false, KestrovaHealthKitError::apiURLNotValid()));
 
   // The generic form carries the domain and the code.
@@ -339,15 +309,16 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
   server::ServerOptions other;
   other.secret = "another-secret";
   auto stranger = server::KestrovaServer::start(other).value();
-  ASSERT_EQ(configure(KestrovaConfig(stranger->tokenFor("p1"), server_->baseUrl())),
+  ASSERT_EQ(configureAndWait(KestrovaConfig(stranger->tokenFor("p1"), server_->baseUrl())),
             Outcome(true, std::nullopt));
-  EXPECT_EQ(connect(), Outcome(false, KestrovaHealthKitError::failedToValidateProfile("p1")));
+  EXPECT_EQ(connectAndWait(),
+            Outcome(false, KestrovaHealthKitError::failedToValidateProfile("p1")));
   EXPECT_EQ(Kestrova::currentStatus().value, Kestrova::Status::Case::disconnected);
 
   // A store that refuses the authorisation request.
   restart(/*refuseAuthorization=*/true);
-  ASSERT_EQ(configure(config("p1")), Outcome(true, std::nullopt));
-  const auto refused = connect();
+  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
+  const auto refused = connectAndWait();
   EXPECT_FALSE(refused.first);
   ASSERT_TRUE(refused.second);
   EXPECT_EQ(refused.second->code(), KestrovaHealthKitError::Code::authorizationNotGranted);

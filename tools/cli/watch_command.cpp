@@ -309,10 +309,10 @@ class Reporter {
   bool drawn_ = false;
 };
 
-// Decides when the upload files the back end did not take are sent again: after failed
-// uploads (the library's own or a retry's) with files left, once the answers to the previous
-// retry are in, after a backoff wait; a delivered file resets the backoff. Used from the watch
-// loop only.
+// Decides when what the back end did not take is sent again: after failed uploads (the
+// library's own or a retry's) with files left, or after failed statistics uploads (whose
+// records stay in the store, not in files), once the answers to the previous retry are in,
+// after a backoff wait; anything delivered resets the backoff. Used from the watch loop only.
 class KeptFileRetries {
  public:
   struct Sent {
@@ -327,16 +327,20 @@ class KeptFileRetries {
 
   // Looks at what the library reported; sends the retry that is due, if any.
   std::optional<Sent> update(const Totals& totals, Clock::time_point now) {
-    if (totals.counts.deliveredFiles > delivered_) {
-      delivered_ = totals.counts.deliveredFiles;
+    if (const int delivered = totals.counts.deliveredFiles + totals.counts.statisticsUploads;
+        delivered > delivered_) {
+      delivered_ = delivered;
       backoff_.reset();
     }
     if (inFlight_ && (totals.counts.fileOutcomes() >= inFlight_->answersAwaited ||
                       now - inFlight_->sent >= kRetryAnswerLimit)) {
       inFlight_.reset();
     }
-    if (!inFlight_ && !due_ && totals.pending > 0 && totals.counts.failedUploads > failed_) {
+    const bool filesFailed = totals.pending > 0 && totals.counts.failedUploads > failed_;
+    const bool statisticsFailed = totals.counts.failedStatisticsUploads > failedStatistics_;
+    if (!inFlight_ && !due_ && (filesFailed || statisticsFailed)) {
       failed_ = totals.counts.failedUploads;
+      failedStatistics_ = totals.counts.failedStatisticsUploads;
       delay_ = backoff_.next();
       due_ = now + std::chrono::duration_cast<Clock::duration>(delay_);
     }
@@ -344,7 +348,7 @@ class KeptFileRetries {
       return std::nullopt;
     }
     due_.reset();
-    if (totals.pending == 0 || !host::retryPendingUploads()) {
+    if (!host::retryPendingUploads()) {
       return std::nullopt;
     }
     inFlight_ = InFlight{totals.counts.fileOutcomes() + static_cast<int>(totals.pending), now};
@@ -362,8 +366,9 @@ class KeptFileRetries {
   std::optional<Clock::time_point> due_;
   Seconds delay_{0};
   std::optional<InFlight> inFlight_;
-  int failed_ = 0;     // failed uploads already answered with a retry
-  int delivered_ = 0;  // delivered files when the backoff was last reset
+  int failed_ = 0;            // failed uploads already answered with a retry
+  int failedStatistics_ = 0;  // the same for statistics uploads
+  int delivered_ = 0;         // files and statistics delivered when the backoff was last reset
 };
 
 int runWatch(const WatchArguments& arguments, const CommonOptions& common) {

@@ -14,6 +14,42 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// A write's temporary file: "." + the target's name + a suffix that mkstemp makes unique.
+constexpr std::string_view kTemporaryPrefix = ".";
+constexpr std::string_view kTemporarySuffix = ".XXXXXX";
+
+bool isTemporaryName(std::string_view name) {
+  return name.size() > kTemporaryPrefix.size() + kTemporarySuffix.size() &&
+         name.starts_with(kTemporaryPrefix) &&
+         name[name.size() - kTemporarySuffix.size()] == kTemporarySuffix.front();
+}
+
+bool isVisibleName(std::string_view name) {
+  return !name.starts_with('.');
+}
+
+// The names in the directory that `keep` accepts, in the file system's order.
+Result<std::vector<std::string>> namesIn(const fs::path& path,
+                                         bool (*keep)(std::string_view name)) {
+  DIR* directory = ::opendir(path.c_str());
+  if (directory == nullptr) {
+    return posixError(errno, "Cannot open directory", path);
+  }
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* entry = ::readdir(directory)) {
+    if (keep(entry->d_name)) {
+      names.emplace_back(entry->d_name);
+    }
+  }
+  const int code = errno;
+  ::closedir(directory);
+  if (code != 0) {
+    return posixError(code, "Cannot list directory", path);
+  }
+  return names;
+}
+
 int writeAll(int fd, const Bytes& data) {
   std::size_t written = 0;
   while (written < data.size()) {
@@ -48,7 +84,9 @@ class LocalFileSystem : public FileSystem {
     // Hidden, so that listings never show a half-written file; mkstemp makes it owner-only,
     // which suits health data.
     std::string pattern =
-        (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
+        (path.parent_path() /
+         (std::string(kTemporaryPrefix) + path.filename().string() + std::string(kTemporarySuffix)))
+            .string();
     FileDescriptor file(::mkstemp(pattern.data()));
     if (!file.valid()) {
       return posixError(errno, "Cannot create temporary file for", path);
@@ -114,23 +152,21 @@ class LocalFileSystem : public FileSystem {
   }
 
   Result<std::vector<std::string>> listDirectory(const fs::path& path) const override {
-    DIR* directory = ::opendir(path.c_str());
-    if (directory == nullptr) {
-      return posixError(errno, "Cannot open directory", path);
+    return namesIn(path, isVisibleName);
+  }
+
+  Result<std::vector<std::string>> removeUnfinishedWrites(const fs::path& directory) override {
+    auto unfinished = namesIn(directory, isTemporaryName);
+    if (!unfinished) {
+      return unfinished.error();
     }
-    std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = ::readdir(directory)) {
-      if (entry->d_name[0] != '.') {
-        names.emplace_back(entry->d_name);
+    for (const auto& name : unfinished.value()) {
+      const auto path = directory / name;
+      if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        return posixError(errno, "Cannot remove", path);
       }
     }
-    const int code = errno;
-    ::closedir(directory);
-    if (code != 0) {
-      return posixError(code, "Cannot list directory", path);
-    }
-    return names;
+    return unfinished;
   }
 
   Result<std::uintmax_t> fileSize(const fs::path& path) const override {
