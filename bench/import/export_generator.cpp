@@ -319,7 +319,7 @@ Result<GeneratedExport> generateExport(const fs::path& out, const GeneratorOptio
   Writer writer(xml.get(), options.seed);
   std::fputs(kProlog, xml.get());
   const std::int64_t days = options.days > 0 ? options.days : 365LL * options.years;
-  for (std::int64_t day = 0; day < days; ++day) {
+  for (std::int64_t day = options.firstDay; day < options.firstDay + days; ++day) {
     writeDay(writer, day);
     if (day % 30 == 14) {
       int y = 0, m = 0, d = 0;

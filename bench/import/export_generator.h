@@ -16,6 +16,9 @@ struct GeneratorOptions {
   // When positive, only this many days from 1 January 2021 instead of whole years: a small
   // export for tests that deliver it many times over.
   int days = 0;
+  // The first day written, counted from 1 January 2021: exports of consecutive days, each
+  // taking up where the one before ended, as a phone's history grows.
+  int firstDay = 0;
   std::uint64_t seed = 1;
   // Also pack apple_health_export/ into export.zip next to it.
   bool zip = false;

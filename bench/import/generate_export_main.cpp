@@ -12,6 +12,9 @@ int main(int argc, char** argv) {
   kestrova::bench::GeneratorOptions options;
   app.add_option("--out", out, "Directory to write into")->capture_default_str();
   app.add_option("--years", options.years, "Years of data")->capture_default_str();
+  app.add_option("--days", options.days, "Days of data instead of whole years");
+  app.add_option("--first-day", options.firstDay, "First day written, counted from 2021-01-01")
+      ->capture_default_str();
   app.add_option("--seed", options.seed, "Random seed")->capture_default_str();
   app.add_flag("--zip", options.zip, "Also write export.zip");
   CLI11_PARSE(app, argc, argv);
