@@ -37,6 +37,8 @@ constexpr FamilyTexts kDailySummaryTexts{
     "Daily summaries for profile %@ has been uploaded successfully",
     "Daily summaries for profile %@ has NOT been uploaded successfully"};
 
+constexpr std::string_view kMarkFailed = "Cannot record the statistics uploads: %{public}@";
+
 // The accepted requests of one tick, marked together when the tick ends: one load and save per
 // key for the tick instead of one per request, which made a first upload of years of figures
 // quadratic. The tick ends when the last of its requests is done with, answered or dropped
@@ -50,7 +52,13 @@ struct TickMarks {
   TickMarks() = default;
   TickMarks(const TickMarks&) = delete;
   TickMarks& operator=(const TickMarks&) = delete;
-  ~TickMarks() { finish(std::move(accepted)); }
+  ~TickMarks() {
+    try {
+      finish(std::move(accepted));
+    } catch (const std::exception& e) {
+      logError(kCategory, kMarkFailed, {e.what()});
+    }
+  }
 };
 
 }  // namespace
@@ -203,7 +211,7 @@ void DataManager::upload(Family family, std::vector<Record> records, const Encod
   auto marks = std::make_shared<TickMarks<Record>>();
   marks->finish = [weak = weak_from_this(), store = store_, queue = queue_, family,
                    tickTime](std::vector<Record> accepted) {
-    queue->async([weak, store, family, tickTime, accepted = std::move(accepted)] {
+    auto record = [weak, store, family, tickTime, accepted = std::move(accepted)] {
       auto self = weak.lock();
       if (!self) {
         return;
@@ -212,7 +220,14 @@ void DataManager::upload(Family family, std::vector<Record> records, const Encod
         store->markUploaded(accepted, tickTime);
       }
       self->tickAnswered(family);
-    });
+    };
+    // Mostly the last accepted answer lets go last, on the statistics queue: recorded at once,
+    // in the same work item.
+    if (queue->isCurrent()) {
+      record();
+    } else {
+      queue->async(std::move(record));
+    }
   };
   ticks_[static_cast<std::size_t>(family)].running = true;
   for (std::size_t first = 0; first < records.size(); first += kMaximumDataPointsPerRequest) {
@@ -252,6 +267,7 @@ void DataManager::upload(Family family, std::vector<Record> records, const Encod
       queue->async([marks, sent = std::move(sent)]() mutable {
         marks->accepted.insert(marks->accepted.end(), std::make_move_iterator(sent.begin()),
                                std::make_move_iterator(sent.end()));
+        marks.reset();  // the last answer of the tick records it here, on the queue
       });
     };
     // NOTE: the operation carries the profile's token so that the request is authorised with

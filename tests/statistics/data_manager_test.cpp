@@ -259,7 +259,8 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
       {"no HTTP response", {std::nullopt}, true},
   };
   for (const auto& c : cases) {
-    test_.platform->defaults->removeObject(kHeartRateSamplesKey);
+    // On the queue that owns the store: the previous case may still be marking.
+    queue()->sync([&] { test_.platform->defaults->removeObject(kHeartRateSamplesKey); });
     manager_ = make(utc(2024, 1, 1));
     manager_->storeHeartRateStatistics(heartRates(nine_, 1));
     session_->script({c.answer});
