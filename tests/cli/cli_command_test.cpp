@@ -36,6 +36,19 @@ constexpr std::string_view kLaterExport = R"(<?xml version="1.0" encoding="UTF-8
 </HealthData>
 )";
 
+// Step counts only: everything they give is a statistics upload, sent without a file.
+constexpr std::string_view kStepsExport = R"(<?xml version="1.0" encoding="UTF-8"?>
+<HealthData locale="en_US">
+ <ExportDate value="2024-06-02 10:00:00 +0000"/>
+ <Record type="HKQuantityTypeIdentifierStepCount" sourceName="Phone" unit="count"
+  creationDate="2024-06-01 08:15:00 +0000" startDate="2024-06-01 08:00:00 +0000"
+  endDate="2024-06-01 08:10:00 +0000" value="420"/>
+ <Record type="HKQuantityTypeIdentifierStepCount" sourceName="Phone" unit="count"
+  creationDate="2024-06-01 09:15:00 +0000" startDate="2024-06-01 09:00:00 +0000"
+  endDate="2024-06-01 09:10:00 +0000" value="380"/>
+</HealthData>
+)";
+
 bool eventually(const std::function<bool()>& condition) {
   return testing::eventually(condition, kDeadline);
 }
@@ -236,6 +249,31 @@ TEST_F(CliTest, FilesKeptWhileTheBackEndFailsAreListedAndDeliveredByTheNextSync)
   EXPECT_EQ(recovered.json()["pendingFiles"], 0);
   EXPECT_EQ(kestrova("pending --json").json(), nlohmann::json::array());
   EXPECT_FALSE(server_->dataPoints(std::string(kProfile)).empty());
+}
+
+TEST_F(CliTest, FailedStatisticsUploadsMakeSyncIncompleteAndTheNextSyncSendsThem) {
+  const auto steps = dir_.path() / "steps.xml";
+  std::ofstream(steps) << kStepsExport;
+  ASSERT_EQ(kestrova("import --quiet " + steps.string()).exitCode, 0);
+  const std::string token = server_->tokenFor(std::string(kProfile));
+  server::FaultPlan failing;
+  failing.script = server::FaultPlan::parseScript("pass").value();
+  failing.rate = 1.0;
+  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}};
+  server_->setFaults(failing);
+
+  const CommandRun failed = kestrova(syncArguments(), token);
+  EXPECT_EQ(failed.exitCode, 6) << failed.err;
+  EXPECT_NE(failed.err.find("statistics uploads failed"), std::string::npos) << failed.err;
+  EXPECT_FALSE(failed.json()["complete"].get<bool>());
+  EXPECT_EQ(failed.json()["pendingFiles"], 0);
+  EXPECT_TRUE(server_->dataPoints(std::string(kProfile)).empty());
+
+  server_->setFaults({});
+  const CommandRun recovered = kestrova(syncArguments(), token);
+  ASSERT_EQ(recovered.exitCode, 0) << recovered.err;
+  EXPECT_TRUE(recovered.json()["complete"].get<bool>());
+  EXPECT_TRUE(schemasReceived().contains("ks:ks-daily-detail"));
 }
 
 TEST_F(CliTest, ARejectedTokenFailsClearlyWithoutPrintingIt) {

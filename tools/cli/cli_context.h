@@ -26,7 +26,8 @@ inline constexpr int kExitSetupFailed = 3;
 inline constexpr int kExitRejected = 4;
 // The back end could not be reached, or failed to validate the profile for another reason.
 inline constexpr int kExitUnreachable = 5;
-// Upload files were still waiting when --timeout ran out; they stay for the next run.
+// Upload files were still waiting when --timeout ran out, or statistics uploads failed; what
+// is left stays for the next run.
 inline constexpr int kExitTimedOut = 6;
 
 struct CommonOptions {

@@ -39,8 +39,8 @@ Exit codes: 0 success; 1 the command failed (an import says where it stopped: wh
 added stays, and running the same command again completes it); 3 the data directory or
 the health store could not be opened; 4 the token or URL was refused (malformed, or the
 back end answered 403); 5 the back end could not be reached or could not validate the
-profile; 6 upload files were still pending when --timeout ran out (they stay for the next
-sync). watch exits 0 when SIGINT or SIGTERM stops it. Usage errors exit with CLI11's codes
+profile; 6 upload files were still pending when --timeout ran out, or statistics uploads
+failed (what is left stays for the next sync). watch exits 0 when SIGINT or SIGTERM stops it. Usage errors exit with CLI11's codes
 and a message.)";
 
 // The library's shared instance and its threads live until the process ends, by design, and

@@ -25,6 +25,9 @@ constexpr std::string_view kJsonHelp = "Print the report as JSON on standard out
 constexpr std::string_view kTimedOut =
     "kestrova: %zu upload files still pending after %.0f s; they stay and the next sync sends "
     "them. Last error: %s\n";
+constexpr std::string_view kStatisticsFailed =
+    "kestrova: %d statistics uploads failed; their figures stay new and the next sync sends "
+    "them. Last error: %s\n";
 constexpr std::string_view kProgressTerminal = "\rsync: %zu files pending, %d delivered   ";
 constexpr std::string_view kProgressPlain = "sync: %zu files pending, %d delivered\n";
 constexpr std::string_view kReportHeader = "Delivered to %s for profile %s:\n";
@@ -92,7 +95,7 @@ int runSync(const SyncArguments& arguments, const CommonOptions& common) {
     nlohmann::json report = uploadJson(counts, pending);
     report["profileId"] = connection.profileId;
     report["url"] = connection.url;
-    report["complete"] = settled;
+    report["complete"] = settled && counts.failedStatisticsUploads == 0;
     report["seconds"] = seconds;
     std::printf("%s\n", report.dump(2).c_str());
   } else if (!common.quiet) {
@@ -107,10 +110,15 @@ int runSync(const SyncArguments& arguments, const CommonOptions& common) {
                 seconds);
   }
   std::fflush(stdout);
+  const std::string lastError = log.lastError();
+  const char* detail = lastError.empty() ? kNoDetail.data() : lastError.c_str();
   if (!settled) {
-    const std::string lastError = log.lastError();
-    std::fprintf(stderr, kTimedOut.data(), pending, arguments.timeoutSeconds,
-                 lastError.empty() ? kNoDetail.data() : lastError.c_str());
+    std::fprintf(stderr, kTimedOut.data(), pending, arguments.timeoutSeconds, detail);
+    return kExitTimedOut;
+  }
+  // Like a file that stays, a figure whose upload failed waits for the next sync.
+  if (counts.failedStatisticsUploads > 0) {
+    std::fprintf(stderr, kStatisticsFailed.data(), counts.failedStatisticsUploads, detail);
     return kExitTimedOut;
   }
   return kExitOk;
