@@ -236,6 +236,11 @@ void Reader::start(std::string_view name, const XML_Char** attributes) {
 }
 
 void Reader::end(std::string_view) {
+  // A root that is not an export stops the parse without a role, and expat still reports the
+  // end of that element when it is empty.
+  if (roles_.empty()) {
+    return;
+  }
   const Role role = roles_.back();
   roles_.pop_back();
   if (role == Role::record) {
