@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <optional>
 #include <vector>
 
@@ -11,6 +12,10 @@ namespace kestrova {
 namespace {
 
 enum Dimension { kMass, kLength, kTime, kTemperature, kCurrent, kPercent };
+
+// Far beyond any real unit ("m^3", "s^-2"), and small enough that no product of the factors of
+// a unit text can overflow its dimensions.
+constexpr int kLargestExponent = 64;
 
 struct Factor {
   Unit::Dimensions dimensions{};
@@ -209,7 +214,8 @@ bool multiplyProduct(std::string_view text, int sign, Factor& into, int& tempera
       const std::string_view exponent = part.substr(caret + 1);
       const auto [end, error] =
           std::from_chars(exponent.data(), exponent.data() + exponent.size(), power);
-      if (error != std::errc() || end != exponent.data() + exponent.size() || power == 0) {
+      if (error != std::errc() || end != exponent.data() + exponent.size() || power == 0 ||
+          std::abs(power) > kLargestExponent) {
         return false;
       }
       part = part.substr(0, caret);
