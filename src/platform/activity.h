@@ -15,32 +15,13 @@ void begin() noexcept;
 void end() noexcept;
 bool idle() noexcept;
 
-// Counts as work under way from construction until destruction; a moved-from one counts no
-// longer.
+// Counts as work under way from construction until destruction.
 class Busy {
  public:
   Busy() noexcept { begin(); }
-  ~Busy() {
-    if (counting_) {
-      end();
-    }
-  }
-  Busy(Busy&& other) noexcept : counting_(other.counting_) { other.counting_ = false; }
-  Busy& operator=(Busy&& other) noexcept {
-    if (this != &other) {
-      if (counting_) {
-        end();
-      }
-      counting_ = other.counting_;
-      other.counting_ = false;
-    }
-    return *this;
-  }
+  ~Busy() { end(); }
   Busy(const Busy&) = delete;
   Busy& operator=(const Busy&) = delete;
-
- private:
-  bool counting_ = true;
 };
 
 }  // namespace kestrova::activity
