@@ -254,15 +254,25 @@ Finding anchorEntry(std::string_view input) {
 }
 
 Finding statisticsEntry(std::string_view input) {
-  const std::string_view key = *detailKey(kStepCountType);
-  Scratch::shared().defaults()->setObject(key, toBytes(input));
-  StatisticsStore store(Scratch::shared().defaults(), ManualClock::make(fixedDate()), fixedDate());
-  const auto map = store.load(key);
-  if (!map) {
+  const std::string key(*detailKey(kStepCountType));
+  const auto defaults = Scratch::shared().defaults();
+  StatisticsStore store(defaults, ManualClock::make(fixedDate()), fixedDate());
+  // The former layout's map is moved into rows whatever it holds.
+  defaults->setObject(key, toBytes(input));
+  store.migrate();
+  if (defaults->object(key)) {
+    return "a map of the former layout was left in place";
+  }
+  store.deleteAll();
+  constexpr std::string_view kInterval = "2024-01-01T00:00:00.000";
+  defaults->setObject(key + "/" + std::string(kInterval), toBytes(input));
+  const auto entry = store.entry(key, kInterval);
+  store.deleteAll();
+  if (!entry) {
     return std::nullopt;
   }
   // What was read is written back as it is saved, and reads the same again.
-  const nlohmann::json encoded = toJson(StoredStatistics{*map});
+  const nlohmann::json encoded = toJson(StoredStatistics{{{std::string(kInterval), *entry}}});
   const auto decoded = storedStatisticsFromJson(encoded);
   if (!decoded) {
     return "stored statistics do not decode after being encoded: " + encoded.dump();

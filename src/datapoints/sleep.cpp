@@ -178,7 +178,7 @@ std::optional<nlohmann::json> encodeSleepDetail(const CategorySample& stage,
 
 void collectSleepEpisodes(const std::vector<SamplePtr>& samples, const SystemVersion& system,
                           const QueryRunner& runner, std::shared_ptr<DispatchQueue> completionQueue,
-                          DataPointsCompletion completion) {
+                          SleepCompletion completion) {
   auto batch = std::make_shared<SleepBatch>();
   batch->system = system;
   for (const SamplePtr& sample : samples) {
@@ -223,12 +223,14 @@ void collectSleepEpisodes(const std::vector<SamplePtr>& samples, const SystemVer
   }
   group->notify(std::move(completionQueue), [batch, completion = std::move(completion)] {
     std::vector<nlohmann::json> points;
+    bool allEpisodes = true;
     {
       std::lock_guard lock(batch->mutex);
       std::set<Uuid> sent;
       for (std::size_t i = 0; i < batch->episodes.size(); ++i) {
         const EpisodeResult& result = batch->results[i];
         if (!result.answered) {
+          allEpisodes = false;
           continue;
         }
         const CategorySample& episode = *batch->episodes[i];
@@ -248,7 +250,7 @@ void collectSleepEpisodes(const std::vector<SamplePtr>& samples, const SystemVer
       // keep only what is small.
       batch->results.clear();
     }
-    completion(std::move(points));
+    completion(std::move(points), allEpisodes);
   });
 }
 

@@ -51,9 +51,11 @@ std::optional<nlohmann::json> encodeSleepDetail(const CategorySample& stage,
 // episode in delivery order, the episode's data point followed by its detail points in start
 // order (a stage sample met in two overlapping episodes is sent once). Stage samples of the
 // delivery itself give data points only through their episode's query. A failed query leaves
-// its episode out; a stopped one means no completion at all.
+// its episode out and `allEpisodes` false; a stopped one means no completion at all.
+using SleepCompletion =
+    std::function<void(std::vector<nlohmann::json> dataPoints, bool allEpisodes)>;
 void collectSleepEpisodes(const std::vector<SamplePtr>& samples, const SystemVersion& system,
                           const QueryRunner& runner, std::shared_ptr<DispatchQueue> completionQueue,
-                          DataPointsCompletion completion);
+                          SleepCompletion completion);
 
 }  // namespace kestrova

@@ -121,6 +121,11 @@ std::string DataPointDateFormatter::string(Date date) const {
   return formatDateTime(deviceZone_.civil(date));
 }
 
+bool DataPointDateFormatter::isRepeatedLocalTime(Date date) const {
+  // A wall-clock time that occurs twice resolves to its earlier instant.
+  return deviceZone_.date(deviceZone_.civil(date)) < date;
+}
+
 std::string DataPointDateFormatter::string(Date date, std::string_view zoneIdentifier) const {
   {
     std::shared_lock lock(mutex_);

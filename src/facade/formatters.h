@@ -49,6 +49,9 @@ class DataPointDateFormatter {
   std::string string(Date date) const;
   // In the named zone; an unknown identifier falls back to the device's zone.
   std::string string(Date date, std::string_view zoneIdentifier) const;
+  // True when an earlier instant has the same wall-clock time in the device's zone: `date`
+  // lies in the second pass through an hour that a clock change repeats.
+  bool isRepeatedLocalTime(Date date) const;
 
  private:
   const TimeZone deviceZone_;

@@ -82,24 +82,33 @@ class Instance : public std::enable_shared_from_this<Instance> {
     };
     environment.statistics = [weak = weak_from_this()](std::vector<ObjectType> types) {
       if (auto self = weak.lock()) {
-        self->startStatisticsQueries(types);
+        self->statisticsPass->run(std::move(types));
       }
     };
     collector = SampleCollector::make(std::move(environment));
+
+    StatisticsPass::Environment passEnvironment;
+    passEnvironment.store = healthKitDataStore;
+    passEnvironment.anchors = anchors;
+    passEnvironment.defaults = platform->defaults;
+    passEnvironment.clock = platform->clock;
+    passEnvironment.settings = [weak =
+                                    weak_from_this()]() -> std::optional<StatisticsPass::Settings> {
+      auto self = weak.lock();
+      return self ? self->statisticsSettings() : std::nullopt;
+    };
+    statisticsPass = StatisticsPass::make(std::move(passEnvironment));
   }
 
   std::shared_ptr<DispatchQueue> mainQueue() const { return platform->dispatcher->mainQueue(); }
 
-  void startStatisticsQueries(const std::vector<ObjectType>& types) const {
-    StatisticsQueryContext context;
-    context.store = healthKitDataStore;
-    context.zone = platform->timeZone->current();
-    {
-      std::lock_guard lock(mutex);
-      context.dataManager = dataManager;
-      context.startDate = startDate;
+  std::optional<StatisticsPass::Settings> statisticsSettings() const {
+    std::lock_guard lock(mutex);
+    if (!token || !token->profileId || !startDate || !dataManager) {
+      return std::nullopt;
     }
-    kestrova::startStatisticsQueries(context, types);
+    return StatisticsPass::Settings{dataManager, *startDate, *token->profileId,
+                                    platform->timeZone->current()};
   }
 
   std::optional<SampleCollector::Settings> collectionSettings() const {
@@ -121,7 +130,8 @@ class Instance : public std::enable_shared_from_this<Instance> {
   const std::shared_ptr<TokenStore> tokens;
   ProfileStore profiles;
   const std::shared_ptr<HealthStore> healthKitDataStore;
-  std::shared_ptr<SampleCollector> collector;  // set once, right after construction
+  std::shared_ptr<SampleCollector> collector;      // set once, right after construction
+  std::shared_ptr<StatisticsPass> statisticsPass;  // set once, right after construction
 
   mutable std::mutex mutex;  // owns the fields below
   std::optional<Token> token;
@@ -270,6 +280,7 @@ void disconnectInstance(const std::shared_ptr<Instance>& instance) {
     return;
   }
   instance->collector->stopObserving();
+  instance->statisticsPass->stop();
   dataManager->deleteAllStoredStatistics();
   instance->healthKitDataStore->disableAllBackgroundDelivery(
       [](bool success, const std::optional<kestrova::Error>& error) {

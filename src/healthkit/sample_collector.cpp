@@ -98,6 +98,8 @@ void SampleCollector::stopObserving() {
   std::vector<std::shared_ptr<Query>> running;
   {
     std::lock_guard lock(mutex_);
+    ++generation_;
+    fetches_.clear();
     running.swap(running_);
   }
   for (const auto& query : running) {
@@ -202,12 +204,23 @@ void SampleCollector::fetchNewSamples(SampleFamily family, const ObjectType& typ
   if (!settings) {
     return;
   }
+  std::uint64_t generation = 0;
+  {
+    std::lock_guard lock(mutex_);
+    auto& state = fetches_[std::string(type.identifier())];
+    if (state.running) {
+      state.again = true;
+      return;
+    }
+    state.running = true;
+    generation = generation_;
+  }
   auto predicate =
       predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
   const auto anchor = environment_.anchors->storedAnchor(type.identifier());
   execute(AnchoredObjectQuery::make(
       type, std::move(predicate), anchor, kObjectQueryNoLimit,
-      [weak = weak_from_this(), family, type, settings = std::move(*settings)](
+      [weak = weak_from_this(), family, type, generation, settings = std::move(*settings)](
           const std::shared_ptr<AnchoredObjectQuery>& query,
           Result<AnchoredObjectResults> results) mutable {
         auto self = weak.lock();
@@ -218,14 +231,51 @@ void SampleCollector::fetchNewSamples(SampleFamily family, const ObjectType& typ
         self->forget(*query);
         auto samples = checkResults(*query, results);
         if (!results) {
+          self->fetchEnded(family, type, generation);
           return;
         }
         if (samples.empty()) {
-          self->environment_.anchors->storeAnchor(results->newAnchor, type.identifier());
+          self->settle(type, results->newAnchor, generation);
+          self->fetchEnded(family, type, generation);
           return;
         }
-        self->deliver(family, type, std::move(settings), std::move(samples), results->newAnchor);
+        self->deliver(family, type, std::move(settings), std::move(samples), results->newAnchor,
+                      generation);
       }));
+}
+
+bool SampleCollector::isCurrent(std::uint64_t generation) const {
+  std::lock_guard lock(mutex_);
+  return generation == generation_;
+}
+
+void SampleCollector::settle(const ObjectType& type, std::optional<QueryAnchor> newAnchor,
+                             std::uint64_t generation) {
+  if (!newAnchor) {
+    return;
+  }
+  // NOTE: stored under the lock, so that a disconnect, which bumps the generation before it
+  // deletes the anchors, never sees an anchor of its connection stored after the deletion.
+  std::lock_guard lock(mutex_);
+  if (generation == generation_) {
+    environment_.anchors->storeAnchor(*newAnchor, type.identifier());
+  }
+}
+
+void SampleCollector::fetchEnded(SampleFamily family, const ObjectType& type,
+                                 std::uint64_t generation) {
+  {
+    std::lock_guard lock(mutex_);
+    if (generation != generation_) {
+      return;
+    }
+    auto& state = fetches_[std::string(type.identifier())];
+    state.running = false;
+    if (!std::exchange(state.again, false)) {
+      return;
+    }
+  }
+  fetchNewSamples(family, type);
 }
 
 std::vector<SamplePtr> SampleCollector::checkResults(const Query& query,
@@ -257,16 +307,17 @@ QueryRunner SampleCollector::queryRunner() {
 }
 
 void SampleCollector::encode(SampleFamily family, std::vector<SamplePtr> samples,
-                             std::function<void(DataPoints)> done) {
+                             std::function<void(DataPoints, bool complete)> done) {
+  auto whole = [done](DataPoints points) { done(std::move(points), true); };
   switch (family) {
     case SampleFamily::bodyMeasurements:
-      done(encodeBodyMeasurements(samples));
+      whole(encodeBodyMeasurements(samples));
       return;
     case SampleFamily::mindfulSessions:
-      done(encodeMindfulSessions(samples));
+      whole(encodeMindfulSessions(samples));
       return;
     case SampleFamily::workouts:
-      collectWorkoutDetails(samples, queryRunner(), environment_.encodingQueue, std::move(done));
+      collectWorkoutDetails(samples, queryRunner(), environment_.encodingQueue, std::move(whole));
       return;
     case SampleFamily::sleep:
       collectSleepEpisodes(samples, environment_.system, queryRunner(), environment_.encodingQueue,
@@ -274,31 +325,38 @@ void SampleCollector::encode(SampleFamily family, std::vector<SamplePtr> samples
       return;
     case SampleFamily::electrocardiograms:
       collectElectrocardiograms(samples, queryRunner(), environment_.encodingQueue,
-                                std::move(done));
+                                std::move(whole));
       return;
   }
 }
 
 void SampleCollector::deliver(SampleFamily family, const ObjectType& type, Settings settings,
-                              std::vector<SamplePtr> samples, QueryAnchor newAnchor) {
+                              std::vector<SamplePtr> samples, QueryAnchor newAnchor,
+                              std::uint64_t generation) {
   // The anchor moves only once the delivery is on disk (or proved unencodable, or its writes
-  // failed for good): a crash in between fetches the batch again instead of losing it.
+  // failed for good): a crash in between fetches the batch again instead of losing it. A
+  // delivery that lost a sample on the way (a failed sleep-stage query) keeps the anchor
+  // back, so that the next fetch brings the sample again.
   encode(family, std::move(samples),
-         [weak = weak_from_this(), family, type, settings = std::move(settings),
-          newAnchor](DataPoints points) {
+         [weak = weak_from_this(), family, type, settings = std::move(settings), newAnchor,
+          generation](DataPoints points, bool complete) {
            auto self = weak.lock();
            if (!self) {
              return;
            }
-           auto anchors = self->environment_.anchors;
-           auto settle = [anchors, newAnchor, identifier = std::string(type.identifier())] {
-             anchors->storeAnchor(newAnchor, identifier);
+           const std::optional<QueryAnchor> anchor =
+               complete ? std::optional<QueryAnchor>(newAnchor) : std::nullopt;
+           auto settled = [weak, family, type, anchor, generation] {
+             if (auto self = weak.lock()) {
+               self->settle(type, anchor, generation);
+               self->fetchEnded(family, type, generation);
+             }
            };
-           if (points.empty()) {
-             settle();
+           if (points.empty() || !self->isCurrent(generation)) {
+             settled();
              return;
            }
-           self->writeBatches(family, settings, std::move(points), std::move(settle));
+           self->writeBatches(family, settings, std::move(points), std::move(settled));
          });
 }
 

@@ -1,10 +1,13 @@
 // Sample collection: the observers that wake the library, background delivery, and the anchored
 // fetches that turn new samples into upload files. State owners: `mutex_` owns the running-query
-// set; everything else is immutable after construction. Handlers run on the health store's
-// queues; files are written on the file store's write queue and uploaded on the API queue.
+// set, the fetch state of each type and the generation; everything else is immutable after
+// construction. Handlers run on the health store's queues; files are written on the file
+// store's write queue and uploaded on the API queue.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -64,9 +67,12 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
   // the statistics pass and observes the statistics types, and enables immediate background
   // delivery for every read type.
   void startObserving();
-  // Stops every running query.
+  // Stops every running query; what a fetch under way still delivers is dropped (no file, no
+  // anchor), so that nothing of an earlier connection outlives a disconnect.
   void stopObserving();
-  // One anchored fetch of a family's type from its stored anchor; returns at once.
+  // One anchored fetch of a family's type from its stored anchor; returns at once. While a
+  // fetch of the type is under way, it runs once more after that one instead: two fetches
+  // from the same anchor would write the same samples twice.
   void fetchNewSamples(SampleFamily family, const ObjectType& type);
 
   std::size_t runningQueryCount() const;
@@ -93,16 +99,30 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
   void execute(std::shared_ptr<Query> query);
   void forget(const Query& query);
   QueryRunner queryRunner();
+  // `done` learns the data points and whether every sample of the delivery is in them.
   void encode(SampleFamily family, std::vector<SamplePtr> samples,
-              std::function<void(DataPoints)> done);
+              std::function<void(DataPoints, bool complete)> done);
   void deliver(SampleFamily family, const ObjectType& type, Settings settings,
-               std::vector<SamplePtr> samples, QueryAnchor newAnchor);
+               std::vector<SamplePtr> samples, QueryAnchor newAnchor, std::uint64_t generation);
   void writeBatches(SampleFamily family, const Settings& settings, DataPoints points,
                     std::function<void()> settled);
+  bool isCurrent(std::uint64_t generation) const;
+  // Stores the anchor unless the fetch belongs to an earlier connection.
+  void settle(const ObjectType& type, std::optional<QueryAnchor> newAnchor,
+              std::uint64_t generation);
+  // Ends the fetch of `type`, and runs the one that waited for it.
+  void fetchEnded(SampleFamily family, const ObjectType& type, std::uint64_t generation);
 
   const Environment environment_;
-  mutable std::mutex mutex_;  // owns running_
+  mutable std::mutex mutex_;  // owns the fields below
   std::vector<std::shared_ptr<Query>> running_;
+  // Bumped by stopObserving: fetches of an earlier generation write and anchor nothing.
+  std::uint64_t generation_ = 0;
+  struct FetchState {
+    bool running = false;
+    bool again = false;
+  };
+  std::map<std::string, FetchState, std::less<>> fetches_;
 };
 
 }  // namespace kestrova

@@ -5,9 +5,12 @@
 namespace kestrova {
 
 void DefaultsStore::setObjects(std::vector<std::pair<std::string, DefaultsValue>> values) {
+  std::vector<DefaultsChange> changes;
+  changes.reserve(values.size());
   for (auto& [key, value] : values) {
-    setObject(key, std::move(value));
+    changes.emplace_back(std::move(key), std::move(value));
   }
+  update(std::move(changes));
 }
 
 std::optional<Bytes> DefaultsStore::data(std::string_view key) const {

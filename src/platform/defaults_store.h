@@ -18,6 +18,8 @@
 namespace kestrova {
 
 using DefaultsValue = std::variant<Bytes, std::string, std::int64_t, double>;
+// A value to set under a key, or none to remove the key.
+using DefaultsChange = std::pair<std::string, std::optional<DefaultsValue>>;
 
 class DefaultsStore {
  public:
@@ -26,12 +28,20 @@ class DefaultsStore {
   virtual std::optional<DefaultsValue> object(std::string_view key) const = 0;
   // Replaces whatever `key` held, whatever its type.
   virtual void setObject(std::string_view key, DefaultsValue value) = 0;
-  // Several keys at once; the SQLite store writes them all or none. Later pairs win over
-  // earlier ones with the same key.
-  virtual void setObjects(std::vector<std::pair<std::string, DefaultsValue>> values);
+  // Several keys set or removed at once, all or none. Later changes win over earlier ones
+  // with the same key.
+  virtual void update(std::vector<DefaultsChange> changes) = 0;
+  void setObjects(std::vector<std::pair<std::string, DefaultsValue>> values);
   virtual void removeObject(std::string_view key) = 0;
+  // Every key in [from, to), in ascending order.
+  virtual void removeObjects(std::string_view from, std::string_view to) = 0;
   // Every key that begins with `prefix`, in ascending order.
   virtual std::vector<std::string> keys(std::string_view prefix = {}) const = 0;
+  // The keys in [from, to) with their values, in ascending order, at most `limit` of them
+  // (0: all). Keys order bytewise, as std::string compares them.
+  virtual std::vector<std::pair<std::string, DefaultsValue>> objects(std::string_view from,
+                                                                     std::string_view to,
+                                                                     std::size_t limit) const = 0;
 
   // The bytes under `key`; none when the key is absent or holds another type.
   std::optional<Bytes> data(std::string_view key) const;

@@ -1,8 +1,8 @@
 #include "statistics/data_manager.h"
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
-#include <iterator>
 #include <utility>
 
 #include "api/api_constants.h"
@@ -39,22 +39,30 @@ constexpr FamilyTexts kDailySummaryTexts{
 
 constexpr std::string_view kMarkFailed = "Cannot record the statistics uploads: %{public}@";
 
-// The accepted requests of one tick, marked together when the tick ends: one load and save per
-// key for the tick instead of one per request, which made a first upload of years of figures
-// quadratic. The tick ends when the last of its requests is done with, answered or dropped
-// unanswered (an operation cancelled before it starts never completes), so the family's next
-// tick cannot wait forever. `accepted` is owned by the statistics queue.
-template <class Record>
-struct TickMarks {
-  std::vector<Record> accepted;
-  std::function<void(std::vector<Record>)> finish;
+// Bumped by every delete-all; shared by every manager, as the statistics queue is, so that a
+// pass of a replaced manager cannot record into a store that was emptied since.
+std::atomic<std::uint64_t> epoch{0};
 
-  TickMarks() = default;
-  TickMarks(const TickMarks&) = delete;
-  TickMarks& operator=(const TickMarks&) = delete;
-  ~TickMarks() {
+// Ends the tick of a page's request once, answered or dropped unanswered (an operation
+// cancelled before it starts never completes), so that the family's next tick cannot wait
+// forever.
+struct PageAnswer {
+  std::function<void(bool accepted)> finish;
+  bool answered = false;
+
+  PageAnswer() = default;
+  PageAnswer(const PageAnswer&) = delete;
+  PageAnswer& operator=(const PageAnswer&) = delete;
+  void answer(bool accepted) {
+    answered = true;
+    finish(accepted);
+  }
+  ~PageAnswer() {
+    if (answered) {
+      return;
+    }
     try {
-      finish(std::move(accepted));
+      finish(false);
     } catch (const std::exception& e) {
       logError(kCategory, kMarkFailed, {e.what()});
     }
@@ -69,10 +77,15 @@ std::shared_ptr<DataManager> DataManager::make(API api, std::optional<Date> star
       new DataManager(std::move(api), startDate, std::move(environment)));
   // Files kept by a failed upload, a lost token or a restart get their next try now.
   manager->api_.uploadPending();
-  if (startDate) {
-    manager->queue_->async(
-        [store = manager->store_, date = *startDate] { store->deleteBefore(date); });
-  }
+  manager->queue_->async([store = manager->store_, startDate] {
+    store->migrate();
+    if (startDate) {
+      store->deleteBefore(*startDate);
+    }
+  });
+  // Figures left new by a failed upload or a restart go now: a pass sends only what changed
+  // since the last one, so no later batch may come to arm the timers.
+  manager->uploadNow();
   return manager;
 }
 
@@ -111,17 +124,10 @@ void DataManager::tick(Family family) {
     state.again = true;
     return;
   }
-  switch (family) {
-    case Family::heartRateSamples:
-      uploadHeartRateSamples();
-      break;
-    case Family::dailyDetailSamples:
-      uploadDailyDetailSamples();
-      break;
-    case Family::dailySummaries:
-      uploadDailySummaries();
-      break;
-  }
+  state.running = true;
+  // Taken on the statistics queue before the first read: a figure stored later is updated
+  // after this time and stays new even once its page is marked.
+  uploadPage(family, "", environment_.clock->now());
 }
 
 void DataManager::tickAnswered(Family family) {
@@ -132,32 +138,74 @@ void DataManager::tickAnswered(Family family) {
   }
 }
 
-void DataManager::storeHeartRateStatistics(std::vector<Statistics> statistics) {
-  queue_->async([store = store_, statistics = std::move(statistics)] {
-    store->storeHeartRateStatistics(statistics);
+void DataManager::uploadPage(Family family, std::string after, Date tickTime) {
+  switch (family) {
+    case Family::heartRateSamples:
+      upload(family, store_->newHeartRateSamples(after, kMaximumDataPointsPerRequest), tickTime,
+             [](const HeartRateSample& sample, const std::string& profileId, Date) {
+               return encodeHeartRateSample(sample, profileId);
+             });
+      return;
+    case Family::dailyDetailSamples:
+      upload(family, store_->newDailyDetailSamples(after, kMaximumDataPointsPerRequest), tickTime,
+             [](const DailyDetailSample& sample, const std::string& profileId, Date) {
+               return encodeDailyDetailSample(sample, profileId);
+             });
+      return;
+    case Family::dailySummaries:
+      upload(family, store_->newDailySummaries(after, kMaximumDataPointsPerRequest), tickTime,
+             [](const DailySummary& summary, const std::string& profileId, Date now) {
+               return encodeDailySummary(summary, profileId, now);
+             });
+      return;
+  }
+}
+
+std::uint64_t DataManager::currentEpoch() {
+  return epoch.load();
+}
+
+void DataManager::storeHeartRateStatistics(std::vector<Statistics> statistics,
+                                           std::uint64_t epoch) {
+  queue_->async([store = store_, statistics = std::move(statistics), epoch] {
+    if (epoch == currentEpoch()) {
+      store->storeHeartRateStatistics(statistics);
+    }
   });
   heartRateSamplesTimer().schedule(kUploadDelay, std::chrono::nanoseconds{0});
 }
 
 void DataManager::storeDailyDetailStatistics(std::vector<Statistics> statistics,
-                                             ObjectType quantityType) {
-  queue_->async([store = store_, statistics = std::move(statistics), quantityType] {
-    store->storeDailyDetailStatistics(statistics, quantityType);
+                                             ObjectType quantityType, std::uint64_t epoch) {
+  queue_->async([store = store_, statistics = std::move(statistics), quantityType, epoch] {
+    if (epoch == currentEpoch()) {
+      store->storeDailyDetailStatistics(statistics, quantityType);
+    }
   });
   dailyDetailSamplesTimer().schedule(kUploadDelay, std::chrono::nanoseconds{0});
 }
 
-void DataManager::storeDailySummaryStatistics(std::vector<Statistics> statistics) {
-  queue_->async([store = store_, statistics = std::move(statistics)] {
-    store->storeDailySummaryStatistics(statistics);
+void DataManager::storeDailySummaryStatistics(std::vector<Statistics> statistics,
+                                              std::uint64_t epoch) {
+  queue_->async([store = store_, statistics = std::move(statistics), epoch] {
+    if (epoch == currentEpoch()) {
+      store->storeDailySummaryStatistics(statistics);
+    }
   });
   dailySummaryTimer().schedule(kUploadDelay, std::chrono::nanoseconds{0});
+}
+
+void DataManager::afterRecorded(std::uint64_t epoch, std::function<void(bool current)> then) {
+  queue_->async([epoch, then = std::move(then)] { then(epoch == currentEpoch()); });
 }
 
 void DataManager::deleteAllStoredStatistics() {
   // Waits: a host that exits (or is killed) right after disconnecting would otherwise keep
   // figures marked as sent, which the next connection then never receives.
-  queue_->sync([store = store_] { store->deleteAll(); });
+  queue_->sync([store = store_] {
+    ++epoch;
+    store->deleteAll();
+  });
 }
 
 void DataManager::uploadNow() {
@@ -171,111 +219,89 @@ void DataManager::uploadNow() {
   }
 }
 
-void DataManager::uploadHeartRateSamples() {
-  upload(Family::heartRateSamples, store_->heartRateSamples(),
-         [](const HeartRateSample& sample, const std::string& profileId, Date) {
-           return encodeHeartRateSample(sample, profileId);
-         });
-}
-
-void DataManager::uploadDailyDetailSamples() {
-  upload(Family::dailyDetailSamples, store_->dailyDetailSamples(),
-         [](const DailyDetailSample& sample, const std::string& profileId, Date) {
-           return encodeDailyDetailSample(sample, profileId);
-         });
-}
-
-void DataManager::uploadDailySummaries() {
-  upload(Family::dailySummaries, store_->dailySummaries(),
-         [](const DailySummary& summary, const std::string& profileId, Date now) {
-           return encodeDailySummary(summary, profileId, now);
-         });
-}
-
 template <class Record, class Encode>
-void DataManager::upload(Family family, std::vector<Record> records, const Encode& encode) {
+void DataManager::upload(Family family, StatisticsPage<Record> page, Date tickTime,
+                         const Encode& encode) {
   const auto& texts = family == Family::heartRateSamples     ? kHeartRateTexts
                       : family == Family::dailyDetailSamples ? kDailyDetailTexts
                                                              : kDailySummaryTexts;
   const auto profile = ProfileStore(environment_.defaults).storedProfile();
-  if (!profile) {
+  // Pages whose intervals all lie before the start date hold no records; the next one may.
+  if (profile && page.records.empty() && !page.complete) {
+    uploadPage(family, page.last, tickTime);
     return;
   }
-  std::erase_if(records, [](const Record& record) { return !record.hasNewData; });
-  if (records.empty()) {
+  if (!profile || page.records.empty()) {
+    tickAnswered(family);
     return;
   }
-  // Taken on the statistics queue after the read: a figure stored later is updated after
-  // this time and stays new even once this upload is marked.
-  const auto tickTime = environment_.clock->now();
-  auto marks = std::make_shared<TickMarks<Record>>();
-  marks->finish = [weak = weak_from_this(), store = store_, queue = queue_, family,
-                   tickTime](std::vector<Record> accepted) {
-    auto record = [weak, store, family, tickTime, accepted = std::move(accepted)] {
+  nlohmann::json points = nlohmann::json::array();
+  for (const auto& record : page.records) {
+    points.push_back(encode(record, profile->id, tickTime));
+  }
+  URLRequestInfo info;
+  info.path = std::string(kBulkIngestPath);
+  info.httpMethod = HttpMethod::POST;
+  try {
+    info.body = toBytes(points.dump());
+  } catch (const std::exception& e) {
+    // Never sent; the tick goes on with the next page.
+    logError(kCategory, texts.error, {e.what()});
+    if (page.complete) {
+      tickAnswered(family);
+    } else {
+      uploadPage(family, page.last, tickTime);
+    }
+    return;
+  }
+  points = nullptr;
+  info.extraHeaders = HTTPHeaders{{std::string(kSourceHeader), std::string(kSourceValue)},
+                                  {std::string(kVersionHeader), std::string(versionText())}};
+  auto answer = std::make_shared<PageAnswer>();
+  answer->finish = [weak = weak_from_this(), store = store_, queue = queue_, family, tickTime,
+                    sent = std::move(page.records), last = std::move(page.last),
+                    complete = page.complete](bool accepted) mutable {
+    queue->async([weak, store, family, tickTime, sent = std::move(sent), last = std::move(last),
+                  complete, accepted] {
       auto self = weak.lock();
       if (!self) {
         return;
       }
-      if (!accepted.empty()) {
-        store->markUploaded(accepted, tickTime);
+      if (!accepted) {
+        // What is left stays new and goes with a later tick.
+        self->tickAnswered(family);
+        return;
       }
-      self->tickAnswered(family);
-    };
-    // Mostly the last accepted answer lets go last, on the statistics queue: recorded at once,
-    // in the same work item.
-    if (queue->isCurrent()) {
-      record();
-    } else {
-      queue->async(std::move(record));
-    }
+      store->markUploaded(sent, tickTime);
+      if (complete) {
+        self->tickAnswered(family);
+      } else {
+        self->uploadPage(family, last, tickTime);
+      }
+    });
   };
-  ticks_[static_cast<std::size_t>(family)].running = true;
-  for (std::size_t first = 0; first < records.size(); first += kMaximumDataPointsPerRequest) {
-    const auto last = std::min(records.size(), first + kMaximumDataPointsPerRequest);
-    std::vector<Record> sent(records.begin() + static_cast<std::ptrdiff_t>(first),
-                             records.begin() + static_cast<std::ptrdiff_t>(last));
-    nlohmann::json points = nlohmann::json::array();
-    for (const auto& record : sent) {
-      points.push_back(encode(record, profile->id, tickTime));
+  auto completion = [texts, answer, profileId = profile->id](
+                        std::optional<Bytes>, std::optional<HTTPURLResponse> response,
+                        std::optional<Error> error) {
+    if (error) {
+      logError(kCategory, texts.error, {error->description});
+      answer->answer(false);
+      return;
     }
-    URLRequestInfo info;
-    info.path = std::string(kBulkIngestPath);
-    info.httpMethod = HttpMethod::POST;
-    try {
-      info.body = toBytes(points.dump());
-    } catch (const std::exception& e) {
-      // Never sent; the other requests of the tick still go.
-      logError(kCategory, texts.error, {e.what()});
-      continue;
+    // A completion without an HTTP answer counts as success, as for the upload files.
+    if (response && response->statusCode != kStatusOK) {
+      logError(kCategory, texts.failure, {profileId});
+      answer->answer(false);
+      return;
     }
-    info.extraHeaders = HTTPHeaders{{std::string(kSourceHeader), std::string(kSourceValue)},
-                                    {std::string(kVersionHeader), std::string(versionText())}};
-    auto completion = [queue = queue_, texts, marks, profileId = profile->id,
-                       sent = std::move(sent)](std::optional<Bytes>,
-                                               std::optional<HTTPURLResponse> response,
-                                               std::optional<Error> error) mutable {
-      if (error) {
-        logError(kCategory, texts.error, {error->description});
-        return;
-      }
-      // A completion without an HTTP answer counts as success, as for the upload files.
-      if (response && response->statusCode != kStatusOK) {
-        logError(kCategory, texts.failure, {profileId});
-        return;
-      }
-      logInfo(kCategory, texts.success, {profileId});
-      queue->async([marks, sent = std::move(sent)]() mutable {
-        marks->accepted.insert(marks->accepted.end(), std::make_move_iterator(sent.begin()),
-                               std::make_move_iterator(sent.end()));
-        marks.reset();  // the last answer of the tick records it here, on the queue
-      });
-    };
-    // NOTE: the operation carries the profile's token so that the request is authorised with
-    // the bearer stored for it: the ingest endpoint refuses requests without one.
-    api_.apiQueue()->addOperation(
-        std::make_shared<ApiOperation>(std::move(info), api_.session(), Token{true, profile->id},
-                                       api_.baseComponents(), api_, std::move(completion)));
-  }
+    logInfo(kCategory, texts.success, {profileId});
+    answer->answer(true);
+  };
+  // NOTE: the operation carries the profile's token so that the request is authorised with
+  // the bearer stored for it: the ingest endpoint refuses requests without one.
+  api_.apiQueue()->addOperation(
+      std::make_shared<ApiOperation>(std::move(info), api_.session(), Token{true, profile->id},
+                                     api_.baseComponents(), api_, std::move(completion)));
 }
 
 }  // namespace kestrova

@@ -9,9 +9,12 @@
 
 #include <array>
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -39,7 +42,7 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   };
 
   // Retries the upload files left on disk and, with a start date, prunes the stored
-  // statistics of the days before it.
+  // statistics of the days before it, then sends the stored figures that are still new.
   static std::shared_ptr<DataManager> make(API api, std::optional<Date> startDate,
                                            Environment environment);
   ~DataManager();
@@ -51,13 +54,24 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   // queue also while a replaced manager's work drains.
   const std::shared_ptr<DispatchQueue>& statisticsStorageQueue() const { return queue_; }
 
-  // Result entry points: the whole list is recorded in one work item on the statistics queue,
-  // then the family's upload is (re)scheduled kUploadDelay from now. Any thread.
-  void storeHeartRateStatistics(std::vector<Statistics> statistics);
-  void storeDailyDetailStatistics(std::vector<Statistics> statistics, ObjectType quantityType);
-  void storeDailySummaryStatistics(std::vector<Statistics> statistics);
+  // The connection a pass records for: a pass takes it when it starts, and what it delivers
+  // after the stored statistics were deleted (a disconnect) is dropped, so that figures of an
+  // earlier connection never come back.
+  static std::uint64_t currentEpoch();
 
-  // Returns once the store is empty (after the batches queued before it).
+  // Result entry points: the whole list is recorded in one work item on the statistics queue,
+  // unless the epoch has ended, then the family's upload is (re)scheduled kUploadDelay from
+  // now. Any thread.
+  void storeHeartRateStatistics(std::vector<Statistics> statistics, std::uint64_t epoch);
+  void storeDailyDetailStatistics(std::vector<Statistics> statistics, ObjectType quantityType,
+                                  std::uint64_t epoch);
+  void storeDailySummaryStatistics(std::vector<Statistics> statistics, std::uint64_t epoch);
+  // Runs `then` on the statistics queue after the results handed in before it are recorded,
+  // with whether `epoch` is still the current one.
+  void afterRecorded(std::uint64_t epoch, std::function<void(bool current)> then);
+
+  // Ends the current epoch and returns once the store is empty (after the batches queued
+  // before it).
   void deleteAllStoredStatistics();
 
   // Runs every family's tick now: sends what the back end has not accepted yet, for a host
@@ -74,14 +88,14 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   Timer& dailyDetailSamplesTimer() { return timer(Family::dailyDetailSamples); }
   Timer& dailySummaryTimer() { return timer(Family::dailySummaries); }
 
-  // The upload ticks; on the statistics queue.
+  // The upload ticks; on the statistics queue. A tick sends the records with new data a page
+  // at a time, each page after the previous one was accepted and marked, so that years of
+  // figures are never held at once.
   void tick(Family family);
   void tickAnswered(Family family);
-  void uploadHeartRateSamples();
-  void uploadDailyDetailSamples();
-  void uploadDailySummaries();
+  void uploadPage(Family family, std::string after, Date tickTime);
   template <class Record, class Encode>
-  void upload(Family family, std::vector<Record> records, const Encode& encode);
+  void upload(Family family, StatisticsPage<Record> page, Date tickTime, const Encode& encode);
 
   const API api_;
   const Environment environment_;

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "datapoints/envelope.h"
+#include "facade/formatters.h"
 
 namespace kestrova {
 namespace {
@@ -29,6 +30,9 @@ constexpr std::string_view kKeyActiveKcalBurned = "active_kcal_burned";
 
 constexpr std::string_view kIdSeparator = "-";
 constexpr std::string_view kSummaryIdSeparator = "---";
+// Ends the id of an interval in the second pass through a local hour that an autumn clock
+// change repeats: its local date-time text is the same as the first pass's.
+constexpr std::string_view kRepeatedIdSuffix = "-repeated";
 
 // 2001-01-01T00:00:00Z in Unix seconds.
 constexpr std::chrono::seconds kReferenceEpoch{978307200};
@@ -59,10 +63,12 @@ std::optional<Date> date(const nlohmann::json& json, std::string_view key) {
 
 nlohmann::json intervalHeader(const SchemaId& schema, Date start, std::string_view profileId) {
   const auto created = formatDate(start);
-  return {{kKeyId, std::string(profileId) + std::string(kIdSeparator) + std::string(schema.name) +
-                       std::string(kIdSeparator) + created},
-          {kKeyCreationDateTime, created},
-          {kKeySchemaId, toJson(schema)}};
+  auto id = std::string(profileId) + std::string(kIdSeparator) + std::string(schema.name) +
+            std::string(kIdSeparator) + created;
+  if (DataPointDateFormatter::shared().isRepeatedLocalTime(start)) {
+    id += kRepeatedIdSuffix;
+  }
+  return {{kKeyId, std::move(id)}, {kKeyCreationDateTime, created}, {kKeySchemaId, toJson(schema)}};
 }
 
 }  // namespace

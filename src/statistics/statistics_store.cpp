@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <set>
 #include <utility>
 
@@ -19,6 +20,18 @@ constexpr std::string_view kCategory = "statistics";
 constexpr std::string_view kCouldNotEncode = "Could not encode object: %@";
 constexpr std::string_view kDeletedBefore = "Deleted stored statistics before %{public}@";
 constexpr std::string_view kDeletedAll = "Deleted all stored statistics";
+constexpr std::string_view kNotFinite =
+    "Statistics figure of %{public}@ at %{public}@ is not a finite number; it is not stored";
+constexpr std::string_view kMigrated = "Moved %{public}@ stored statistics of %{public}@ into rows";
+
+// Row keys: an entry is "<statistic key>/<interval key>"; the new-data index has
+// "statistics-new/<family>/<interval key>/<statistic key>" for each entry not uploaded since it
+// changed. '0' is the character after '/', so "<prefix>0" ends the range of "<prefix>/".
+constexpr char kSeparator = '/';
+constexpr char kAfterSeparator = '0';
+constexpr std::string_view kNewDataPrefix = "statistics-new/";
+// A page of the index or of a key's entries read at a time by the counts.
+constexpr std::size_t kCountPage = 10000;
 
 // Member names of the stored forms.
 constexpr std::string_view kDates2Value = "dates2Value";
@@ -156,60 +169,65 @@ std::optional<StatisticsValueData> entryFromJson(const nlohmann::json& json) {
   return entry;
 }
 
-std::optional<Bytes> encode(const Dates2Value& map, std::string_view key) {
+std::optional<Bytes> encode(const StatisticsValueData& entry, std::string_view key) {
   try {
-    return toBytes(toJson(StoredStatistics{map}).dump());
+    return toBytes(toJson(entry).dump());
   } catch (const std::exception& e) {
     logError(kCategory, kCouldNotEncode, {std::string(key) + ": " + e.what()});
     return std::nullopt;
   }
 }
 
-void storeValueEntry(Dates2Value& map, const std::string& intervalKey, Date start, Date end,
-                     std::optional<double> value, std::optional<std::vector<HeartRate>> heartRates,
-                     std::optional<HeartRateSample> heartRateSample, Date now) {
-  std::optional<Date> uploadedAt;
-  if (const auto existing = map.find(intervalKey); existing != map.end()) {
-    uploadedAt = existing->second.uploadedAt;
+std::optional<StatisticsValueData> decode(const DefaultsValue& value, std::string_view rowKey) {
+  const auto* bytes = std::get_if<Bytes>(&value);
+  auto json = bytes ? nlohmann::json::parse(bytes->begin(), bytes->end(), nullptr, false)
+                    : nlohmann::json();
+  auto entry = entryFromJson(json);
+  if (!entry) {
+    logError(kCategory, kCouldNotDecodeObject,
+             {"the data under " + std::string(rowKey) + " is not a stored statistic"});
   }
-  map[intervalKey] = StatisticsValueData{
-      start, end, now, uploadedAt, value, std::move(heartRates), std::move(heartRateSample)};
+  return entry;
 }
 
-// True when the map changed.
-bool storeSum(Dates2Value& map, const Statistics& statistics, const std::string& intervalKey,
-              const Unit& unit, Date now) {
-  const auto value = valueIn(statistics.sumQuantity(), unit);
-  if (!value) {
-    return false;
-  }
-  // A day's sums only grow; a smaller recomputation is taken for incomplete data.
-  if (const auto existing = map.find(intervalKey);
-      existing != map.end() && existing->second.value && *existing->second.value >= *value) {
-    return false;
-  }
-  storeValueEntry(map, intervalKey, statistics.startDate(), statistics.endDate(), *value,
-                  std::nullopt, std::nullopt, now);
-  return true;
+std::string rowKey(std::string_view key, std::string_view intervalKey) {
+  std::string row(key);
+  row += kSeparator;
+  row += intervalKey;
+  return row;
 }
 
-std::vector<HeartRate> summaryHeartRates(const Statistics& statistics, const Unit& unit,
-                                         bool resting) {
-  // Each figure covers the whole day, so it carries the day's interval.
-  std::vector<HeartRate> heartRates;
-  auto add = [&](const std::optional<Quantity>& quantity, body::HeartRate type) {
-    if (auto value = valueIn(quantity, unit)) {
-      heartRates.push_back(HeartRate{statistics.startDate(), statistics.endDate(), type, *value});
-    }
-  };
-  if (resting) {
-    add(statistics.averageQuantity(), body::HeartRate::resting);
-  } else {
-    add(statistics.averageQuantity(), body::HeartRate::average);
-    add(statistics.minimumQuantity(), body::HeartRate::minimum);
-    add(statistics.maximumQuantity(), body::HeartRate::maximum);
+std::string rangeEnd(std::string_view prefix) {
+  std::string end(prefix);
+  end += kAfterSeparator;
+  return end;
+}
+
+std::string_view familyName(StatisticsFamily family) {
+  switch (family) {
+    case StatisticsFamily::heartRateSamples:
+      return "heart-rate";
+    case StatisticsFamily::dailyDetailSamples:
+      return "daily-detail";
+    case StatisticsFamily::dailySummaries:
+      return "daily-summary";
   }
-  return heartRates;
+  return "";
+}
+
+std::string newDataPrefix(StatisticsFamily family) {
+  return std::string(kNewDataPrefix) + std::string(familyName(family));
+}
+
+std::string newDataKey(StatisticsFamily family, std::string_view intervalKey,
+                       std::string_view key) {
+  return rowKey(rowKey(newDataPrefix(family), intervalKey), key);
+}
+
+// The interval key inside a row of the new-data index below `prefix`.
+std::string_view intervalOfNewDataKey(std::string_view row, std::string_view prefix) {
+  row.remove_prefix(prefix.size() + 1);
+  return row.substr(0, row.find(kSeparator));
 }
 
 std::vector<std::string> detailKeys() {
@@ -226,6 +244,124 @@ std::vector<std::string> summaryKeys() {
     keys.push_back(summaryKey(type.identifier()));
   }
   return keys;
+}
+
+const std::vector<std::string>& keysOf(StatisticsFamily family) {
+  static const auto* const heartRate =
+      new std::vector<std::string>{std::string(kHeartRateSamplesKey)};
+  static const auto* const detail = new std::vector<std::string>(detailKeys());
+  static const auto* const summary = new std::vector<std::string>(summaryKeys());
+  switch (family) {
+    case StatisticsFamily::heartRateSamples:
+      return *heartRate;
+    case StatisticsFamily::dailyDetailSamples:
+      return *detail;
+    case StatisticsFamily::dailySummaries:
+      break;
+  }
+  return *summary;
+}
+
+StatisticsFamily familyOf(std::string_view key) {
+  if (key == kHeartRateSamplesKey) {
+    return StatisticsFamily::heartRateSamples;
+  }
+  return key.starts_with(kSummaryKeyPrefix) ? StatisticsFamily::dailySummaries
+                                            : StatisticsFamily::dailyDetailSamples;
+}
+
+constexpr std::array<StatisticsFamily, 3> kFamilies = {StatisticsFamily::heartRateSamples,
+                                                       StatisticsFamily::dailyDetailSamples,
+                                                       StatisticsFamily::dailySummaries};
+
+bool finite(std::optional<double> value, std::string_view key, Date start) {
+  if (!value || std::isfinite(*value)) {
+    return true;
+  }
+  logError(kCategory, kNotFinite, {key, timestampString(start)});
+  return false;
+}
+
+void storeValueEntry(Dates2Value& map, const std::string& intervalKey, Date start, Date end,
+                     std::optional<double> value, std::optional<std::vector<HeartRate>> heartRates,
+                     std::optional<HeartRateSample> heartRateSample, Date now) {
+  std::optional<Date> uploadedAt;
+  if (const auto existing = map.find(intervalKey); existing != map.end()) {
+    uploadedAt = existing->second.uploadedAt;
+  }
+  map[intervalKey] = StatisticsValueData{
+      start, end, now, uploadedAt, value, std::move(heartRates), std::move(heartRateSample)};
+}
+
+// True when the map changed.
+bool storeSum(Dates2Value& map, const Statistics& statistics, std::string_view key,
+              const std::string& intervalKey, const Unit& unit, Date now) {
+  const auto value = valueIn(statistics.sumQuantity(), unit);
+  if (!value || !finite(value, key, statistics.startDate())) {
+    return false;
+  }
+  // A day's sums only grow; a smaller recomputation is taken for incomplete data.
+  if (const auto existing = map.find(intervalKey);
+      existing != map.end() && existing->second.value && *existing->second.value >= *value) {
+    return false;
+  }
+  storeValueEntry(map, intervalKey, statistics.startDate(), statistics.endDate(), *value,
+                  std::nullopt, std::nullopt, now);
+  return true;
+}
+
+std::vector<HeartRate> summaryHeartRates(const Statistics& statistics, const Unit& unit,
+                                         std::string_view key, bool resting) {
+  // Each figure covers the whole day, so it carries the day's interval.
+  std::vector<HeartRate> heartRates;
+  auto add = [&](const std::optional<Quantity>& quantity, body::HeartRate type) {
+    const auto value = valueIn(quantity, unit);
+    if (value && finite(value, key, statistics.startDate())) {
+      heartRates.push_back(HeartRate{statistics.startDate(), statistics.endDate(), type, *value});
+    }
+  };
+  if (resting) {
+    add(statistics.averageQuantity(), body::HeartRate::resting);
+  } else {
+    add(statistics.averageQuantity(), body::HeartRate::average);
+    add(statistics.minimumQuantity(), body::HeartRate::minimum);
+    add(statistics.maximumQuantity(), body::HeartRate::maximum);
+  }
+  return heartRates;
+}
+
+void addFigure(Figure figure, double value, DailyDetailSample& sample) {
+  switch (figure) {
+    case Figure::steps:
+      sample.stepCount += value;
+      break;
+    case Figure::distance:
+      sample.distance += value;
+      break;
+    case Figure::basalEnergy:
+    case Figure::activeEnergy:
+      sample.totalEnergyBurned += value;
+      break;
+  }
+}
+
+void addFigure(Figure figure, double value, DailySummary& summary) {
+  switch (figure) {
+    case Figure::steps:
+      summary.stepCount += value;
+      break;
+    case Figure::distance:
+      summary.distance += value;
+      break;
+    case Figure::basalEnergy:
+      summary.basalEnergyBurned += value;
+      summary.totalEnergyBurned += value;
+      break;
+    case Figure::activeEnergy:
+      summary.activeEnergyBurned += value;
+      summary.totalEnergyBurned += value;
+      break;
+  }
 }
 
 }  // namespace
@@ -245,10 +381,9 @@ std::string summaryKey(std::string_view quantityTypeIdentifier) {
 
 const std::vector<std::string>& statisticsKeys() {
   static const auto* const keys = [] {
-    auto* all = new std::vector<std::string>(detailKeys());
-    all->emplace_back(kHeartRateSamplesKey);
-    for (auto& key : summaryKeys()) {
-      all->push_back(std::move(key));
+    auto* all = new std::vector<std::string>();
+    for (auto family : kFamilies) {
+      all->insert(all->end(), keysOf(family).begin(), keysOf(family).end());
     }
     return all;
   }();
@@ -279,72 +414,117 @@ std::optional<StoredStatistics> storedStatisticsFromJson(const nlohmann::json& j
   return stored;
 }
 
-// The maps a batch touches, each loaded once, and the keys it changed, saved together.
+// The entries a batch touches, read once per key over the batch's intervals, and the rows it
+// changed, written together with their new-data index rows.
 class StatisticsStore::Batch {
  public:
   explicit Batch(StatisticsStore& store) : store_(store) {}
 
-  Dates2Value& map(std::string_view key) {
+  // Reads the entries of `key` between the first and last interval keys (inclusive).
+  Dates2Value& map(std::string_view key, std::string_view first, std::string_view last) {
     auto found = maps_.find(key);
-    if (found == maps_.end()) {
-      found = maps_.emplace(std::string(key), store_.load(key).value_or(Dates2Value{})).first;
+    if (found != maps_.end()) {
+      return found->second;
     }
-    return found->second;
-  }
-  void changed(std::string_view key) { changed_.emplace(key); }
-
-  void commit() {
-    std::vector<std::pair<std::string, DefaultsValue>> values;
-    for (const auto& key : changed_) {
-      if (auto bytes = encode(maps_.at(key), key)) {
-        values.emplace_back(key, std::move(*bytes));
+    Dates2Value map;
+    const auto prefix = rowKey(key, "");
+    for (auto& [row, value] :
+         store_.defaults_->objects(rowKey(key, first), rowKey(key, last) + kAfterSeparator, 0)) {
+      if (auto entry = decode(value, row)) {
+        map.emplace(row.substr(prefix.size()), std::move(*entry));
       }
     }
-    if (!values.empty()) {
-      store_.defaults_->setObjects(std::move(values));
+    return maps_.emplace(std::string(key), std::move(map)).first->second;
+  }
+  void changed(std::string_view key, const std::string& intervalKey) {
+    changed_.emplace(std::string(key), intervalKey);
+  }
+
+  void commit() {
+    std::vector<DefaultsChange> changes;
+    for (const auto& [key, intervalKey] : changed_) {
+      const auto& entry = maps_.find(key)->second.at(intervalKey);
+      auto bytes = encode(entry, key);
+      if (!bytes) {
+        continue;
+      }
+      changes.emplace_back(rowKey(key, intervalKey), std::move(*bytes));
+      // The index holds the upload-time part of the new-data rule; the start date is applied
+      // when reading, as it may change between configurations.
+      auto index = newDataKey(familyOf(key), intervalKey, key);
+      if (!entry.uploadedAt || *entry.uploadedAt <= entry.updatedAt) {
+        changes.emplace_back(std::move(index), DefaultsValue(std::int64_t{1}));
+      } else {
+        changes.emplace_back(std::move(index), std::nullopt);
+      }
     }
+    store_.defaults_->update(std::move(changes));
   }
 
  private:
   StatisticsStore& store_;
   std::map<std::string, Dates2Value, std::less<>> maps_;
-  std::set<std::string, std::less<>> changed_;
+  std::set<std::pair<std::string, std::string>> changed_;
 };
 
 StatisticsStore::StatisticsStore(std::shared_ptr<DefaultsStore> defaults,
                                  std::shared_ptr<Clock> clock, std::optional<Date> startDate)
     : defaults_(std::move(defaults)), clock_(std::move(clock)), startDate_(startDate) {}
 
-std::optional<Dates2Value> StatisticsStore::load(std::string_view key) const {
-  const auto json = loadJson(*defaults_, key);
-  if (!json) {
-    return std::nullopt;
+void StatisticsStore::migrate() {
+  for (const auto& key : statisticsKeys()) {
+    if (!defaults_->object(key)) {
+      continue;
+    }
+    const auto json = loadJson(*defaults_, key);
+    auto stored = json ? storedStatisticsFromJson(*json) : std::nullopt;
+    std::vector<DefaultsChange> changes;
+    if (!stored) {
+      logError(kCategory, kCouldNotDecodeObject,
+               {"the data under " + key + " is not stored statistics"});
+    } else {
+      for (const auto& [intervalKey, entry] : stored->dates2Value) {
+        if (auto bytes = encode(entry, key)) {
+          changes.emplace_back(rowKey(key, intervalKey), std::move(*bytes));
+          if (!entry.uploadedAt || *entry.uploadedAt <= entry.updatedAt) {
+            changes.emplace_back(newDataKey(familyOf(key), intervalKey, key),
+                                 DefaultsValue(std::int64_t{1}));
+          }
+        }
+      }
+      logInfo(kCategory, kMigrated, {std::to_string(stored->dates2Value.size()), key});
+    }
+    changes.emplace_back(key, std::nullopt);
+    defaults_->update(std::move(changes));
   }
-  auto stored = storedStatisticsFromJson(*json);
-  if (!stored) {
-    logError(kCategory, kCouldNotDecodeObject,
-             {"the data under " + std::string(key) + " is not stored statistics"});
-    return std::nullopt;
-  }
-  return std::move(stored->dates2Value);
 }
 
-void StatisticsStore::save(const Dates2Value& map, std::string_view key) {
-  if (auto bytes = encode(map, key)) {
-    defaults_->setObject(key, std::move(*bytes));
-  }
+std::optional<StatisticsValueData> StatisticsStore::entry(std::string_view key,
+                                                          std::string_view intervalKey) const {
+  const auto row = rowKey(key, intervalKey);
+  const auto value = defaults_->object(row);
+  return value ? decode(*value, row) : std::nullopt;
 }
 
 void StatisticsStore::storeHeartRateStatistics(const std::vector<Statistics>& statistics) {
+  if (statistics.empty()) {
+    return;
+  }
   const auto unit = Unit::countPerMinute();
   const auto now = clock_->now();
   Batch batch(*this);
-  auto& map = batch.map(kHeartRateSamplesKey);
+  auto& map = batch.map(kHeartRateSamplesKey, timestampString(statistics.front().startDate()),
+                        timestampString(statistics.back().startDate()));
   for (const auto& interval : statistics) {
     const auto average = valueIn(interval.averageQuantity(), unit);
     const auto minimum = valueIn(interval.minimumQuantity(), unit);
     const auto maximum = valueIn(interval.maximumQuantity(), unit);
     if (!average || !minimum || !maximum) {
+      continue;
+    }
+    if (!finite(average, kHeartRateSamplesKey, interval.startDate()) ||
+        !finite(minimum, kHeartRateSamplesKey, interval.startDate()) ||
+        !finite(maximum, kHeartRateSamplesKey, interval.startDate())) {
       continue;
     }
     HeartRateSample sample{
@@ -358,7 +538,7 @@ void StatisticsStore::storeHeartRateStatistics(const std::vector<Statistics>& st
     }
     storeValueEntry(map, intervalKey, interval.startDate(), interval.endDate(), std::nullopt,
                     std::nullopt, sample, now);
-    batch.changed(kHeartRateSamplesKey);
+    batch.changed(kHeartRateSamplesKey, intervalKey);
   }
   batch.commit();
 }
@@ -367,15 +547,17 @@ void StatisticsStore::storeDailyDetailStatistics(const std::vector<Statistics>& 
                                                  const ObjectType& quantityType) {
   const auto key = detailKey(quantityType.identifier());
   const auto unit = unitOf(quantityType);
-  if (!key || !unit) {
+  if (!key || !unit || statistics.empty()) {
     return;
   }
   const auto now = clock_->now();
   Batch batch(*this);
-  auto& map = batch.map(*key);
+  auto& map = batch.map(*key, timestampString(statistics.front().startDate()),
+                        timestampString(statistics.back().startDate()));
   for (const auto& interval : statistics) {
-    if (storeSum(map, interval, timestampString(interval.startDate()), *unit, now)) {
-      batch.changed(*key);
+    const auto intervalKey = timestampString(interval.startDate());
+    if (storeSum(map, interval, *key, intervalKey, *unit, now)) {
+      batch.changed(*key, intervalKey);
     }
   }
   batch.commit();
@@ -384,6 +566,15 @@ void StatisticsStore::storeDailyDetailStatistics(const std::vector<Statistics>& 
 void StatisticsStore::storeDailySummaryStatistics(const std::vector<Statistics>& statistics) {
   const auto now = clock_->now();
   const auto& days = DayFormatter::shared();
+  // The day range of each key first, so that each key is read once.
+  std::map<std::string, std::pair<std::string, std::string>, std::less<>> ranges;
+  for (const auto& day : statistics) {
+    const auto intervalKey = days.string(day.startDate());
+    auto [range, created] =
+        ranges.try_emplace(summaryKey(day.quantityType().identifier()), intervalKey, intervalKey);
+    range->second.first = std::min(range->second.first, intervalKey);
+    range->second.second = std::max(range->second.second, intervalKey);
+  }
   Batch batch(*this);
   for (const auto& day : statistics) {
     const auto& type = day.quantityType();
@@ -392,11 +583,12 @@ void StatisticsStore::storeDailySummaryStatistics(const std::vector<Statistics>&
       continue;
     }
     const auto key = summaryKey(type.identifier());
-    auto& map = batch.map(key);
+    const auto& range = ranges.find(key)->second;
+    auto& map = batch.map(key, range.first, range.second);
     const auto intervalKey = days.string(day.startDate());
     const bool resting = type.identifier() == kRestingHeartRateIdentifier;
     if (resting || type.identifier() == kHeartRateIdentifier) {
-      auto heartRates = summaryHeartRates(day, *unit, resting);
+      auto heartRates = summaryHeartRates(day, *unit, key, resting);
       if (heartRates.empty()) {
         continue;
       }
@@ -408,9 +600,9 @@ void StatisticsStore::storeDailySummaryStatistics(const std::vector<Statistics>&
       }
       storeValueEntry(map, intervalKey, day.startDate(), day.endDate(), std::nullopt,
                       std::move(heartRates), std::nullopt, now);
-      batch.changed(key);
-    } else if (storeSum(map, day, intervalKey, *unit, now)) {
-      batch.changed(key);
+      batch.changed(key, intervalKey);
+    } else if (storeSum(map, day, key, intervalKey, *unit, now)) {
+      batch.changed(key, intervalKey);
     }
   }
   batch.commit();
@@ -424,68 +616,125 @@ bool StatisticsStore::hasNewData(const StatisticsValueData& entry) const {
   return !entry.uploadedAt || *entry.uploadedAt <= entry.updatedAt;
 }
 
-std::vector<HeartRateSample> StatisticsStore::heartRateSamples() const {
-  std::vector<HeartRateSample> samples;
-  for (const auto& [intervalKey, entry] : load(kHeartRateSamplesKey).value_or(Dates2Value{})) {
-    if (entry.heartRateSample) {
-      samples.push_back(*entry.heartRateSample);
-      samples.back().hasNewData = hasNewData(entry);
+std::vector<std::string> StatisticsStore::newIntervals(StatisticsFamily family,
+                                                       std::string_view after, std::size_t limit,
+                                                       bool& complete) const {
+  const auto prefix = newDataPrefix(family);
+  const auto from = after.empty() ? rowKey(prefix, "") : rowKey(prefix, after) + kAfterSeparator;
+  // Each interval has up to one index row per key of the family.
+  const auto rowLimit = limit * keysOf(family).size();
+  const auto rows = defaults_->objects(from, rangeEnd(prefix), rowLimit);
+  std::vector<std::string> intervals;
+  for (const auto& [row, value] : rows) {
+    const auto interval = intervalOfNewDataKey(row, prefix);
+    if (!intervals.empty() && intervals.back() == interval) {
+      continue;
     }
+    if (intervals.size() == limit) {
+      complete = false;
+      return intervals;
+    }
+    intervals.emplace_back(interval);
   }
-  return samples;
+  complete = rows.size() < rowLimit;
+  return intervals;
 }
 
-std::vector<DailyDetailSample> StatisticsStore::dailyDetailSamples() const {
+std::map<std::string, Dates2Value, std::less<>> StatisticsStore::entries(
+    StatisticsFamily family, const std::vector<std::string>& intervalKeys) const {
+  std::map<std::string, Dates2Value, std::less<>> byKey;
+  if (intervalKeys.empty()) {
+    return byKey;
+  }
+  // One range read per key: the intervals asked for lie close together.
+  Batch batch(const_cast<StatisticsStore&>(*this));
+  for (const auto& key : keysOf(family)) {
+    auto& map = batch.map(key, intervalKeys.front(), intervalKeys.back());
+    auto& kept = byKey[key];
+    for (const auto& intervalKey : intervalKeys) {
+      if (auto found = map.find(intervalKey); found != map.end()) {
+        kept.emplace(intervalKey, std::move(found->second));
+      }
+    }
+  }
+  return byKey;
+}
+
+StatisticsPage<HeartRateSample> StatisticsStore::newHeartRateSamples(std::string_view after,
+                                                                     std::size_t limit) const {
+  StatisticsPage<HeartRateSample> page;
+  const auto intervals =
+      newIntervals(StatisticsFamily::heartRateSamples, after, limit, page.complete);
+  page.last = intervals.empty() ? std::string(after) : intervals.back();
+  for (const auto& [key, map] : entries(StatisticsFamily::heartRateSamples, intervals)) {
+    for (const auto& [intervalKey, entry] : map) {
+      if (entry.heartRateSample && hasNewData(entry)) {
+        page.records.push_back(*entry.heartRateSample);
+        page.records.back().hasNewData = true;
+      }
+    }
+  }
+  return page;
+}
+
+StatisticsPage<DailyDetailSample> StatisticsStore::newDailyDetailSamples(std::string_view after,
+                                                                         std::size_t limit) const {
   // Assembly: one record per 15-minute interval stored under any detail key; distance is the
   // sum of the five distance types (a person covers each metre in one way only) and the total
   // energy is basal plus active (the platform's two parts of the energy burned). The record is
   // new when any figure behind it is.
-  std::map<std::string, DailyDetailSample> byInterval;
+  StatisticsPage<DailyDetailSample> page;
+  const auto intervals =
+      newIntervals(StatisticsFamily::dailyDetailSamples, after, limit, page.complete);
+  page.last = intervals.empty() ? std::string(after) : intervals.back();
+  const auto byKey = entries(StatisticsFamily::dailyDetailSamples, intervals);
+  std::map<std::string, DailyDetailSample, std::less<>> byInterval;
   for (const auto& type : kDetailTypes) {
-    for (const auto& [intervalKey, entry] : load(type.key).value_or(Dates2Value{})) {
+    const auto found = byKey.find(type.key);
+    if (found == byKey.end()) {
+      continue;
+    }
+    for (const auto& [intervalKey, entry] : found->second) {
       if (!entry.value) {
         continue;
       }
-      const SummedValue summed{entry.startDate, entry.endDate, *entry.value, hasNewData(entry)};
       auto [record, created] = byInterval.try_emplace(intervalKey);
       if (created) {
-        record->second.startDate = summed.startDate;
-        record->second.endDate = summed.endDate;
+        record->second.startDate = entry.startDate;
+        record->second.endDate = entry.endDate;
       }
-      auto& sample = record->second;
-      sample.hasNewData = sample.hasNewData || summed.hasNewData;
-      switch (type.figure) {
-        case Figure::steps:
-          sample.stepCount += summed.value;
-          break;
-        case Figure::distance:
-          sample.distance += summed.value;
-          break;
-        case Figure::basalEnergy:
-        case Figure::activeEnergy:
-          sample.totalEnergyBurned += summed.value;
-          break;
-      }
+      record->second.hasNewData = record->second.hasNewData || hasNewData(entry);
+      addFigure(type.figure, *entry.value, record->second);
     }
   }
-  std::vector<DailyDetailSample> samples;
-  samples.reserve(byInterval.size());
   for (auto& [intervalKey, sample] : byInterval) {
-    samples.push_back(std::move(sample));
+    if (sample.hasNewData) {
+      page.records.push_back(std::move(sample));
+    }
   }
-  return samples;
+  return page;
 }
 
-std::vector<DailySummary> StatisticsStore::dailySummaries() const {
+StatisticsPage<DailySummary> StatisticsStore::newDailySummaries(std::string_view after,
+                                                                std::size_t limit) const {
   // Assembly: one summary per day key under any summary key, sums as in the detail read;
   // heartRates holds the day's average, minimum and maximum heart rate, then its resting
   // heart rate, each framed by the day's interval.
-  std::map<std::string, DailySummary> byDay;
+  StatisticsPage<DailySummary> page;
+  const auto intervals =
+      newIntervals(StatisticsFamily::dailySummaries, after, limit, page.complete);
+  page.last = intervals.empty() ? std::string(after) : intervals.back();
+  const auto byKey = entries(StatisticsFamily::dailySummaries, intervals);
+  std::map<std::string, DailySummary, std::less<>> byDay;
   for (const auto& type : dailySummaryTypes()) {
     const auto identifier = type.identifier();
+    const auto found = byKey.find(summaryKey(identifier));
+    if (found == byKey.end()) {
+      continue;
+    }
     const auto detail = std::find_if(kDetailTypes.begin(), kDetailTypes.end(),
                                      [&](const auto& d) { return d.identifier == identifier; });
-    for (const auto& [day, entry] : load(summaryKey(identifier)).value_or(Dates2Value{})) {
+    for (const auto& [day, entry] : found->second) {
       auto& summary = byDay[day];
       summary.date = day;
       summary.hasNewData = summary.hasNewData || hasNewData(entry);
@@ -493,44 +742,31 @@ std::vector<DailySummary> StatisticsStore::dailySummaries() const {
         summary.heartRates.insert(summary.heartRates.end(), entry.heartRates->begin(),
                                   entry.heartRates->end());
       }
-      if (!entry.value || detail == kDetailTypes.end()) {
-        continue;
-      }
-      switch (detail->figure) {
-        case Figure::steps:
-          summary.stepCount += *entry.value;
-          break;
-        case Figure::distance:
-          summary.distance += *entry.value;
-          break;
-        case Figure::basalEnergy:
-          summary.basalEnergyBurned += *entry.value;
-          summary.totalEnergyBurned += *entry.value;
-          break;
-        case Figure::activeEnergy:
-          summary.activeEnergyBurned += *entry.value;
-          summary.totalEnergyBurned += *entry.value;
-          break;
+      if (entry.value && detail != kDetailTypes.end()) {
+        addFigure(detail->figure, *entry.value, summary);
       }
     }
   }
-  std::vector<DailySummary> summaries;
-  summaries.reserve(byDay.size());
   for (auto& [day, summary] : byDay) {
-    summaries.push_back(std::move(summary));
+    if (summary.hasNewData) {
+      page.records.push_back(std::move(summary));
+    }
   }
-  return summaries;
+  return page;
 }
 
-void StatisticsStore::markUploaded(const std::vector<std::string>& keys,
+void StatisticsStore::markUploaded(StatisticsFamily family,
                                    const std::vector<std::string>& intervalKeys, Date uploadedAt) {
+  if (intervalKeys.empty()) {
+    return;
+  }
   Batch batch(*this);
-  for (const auto& key : keys) {
-    auto& map = batch.map(key);
+  for (const auto& key : keysOf(family)) {
+    auto& map = batch.map(key, intervalKeys.front(), intervalKeys.back());
     for (const auto& intervalKey : intervalKeys) {
       if (auto entry = map.find(intervalKey); entry != map.end()) {
         entry->second.uploadedAt = uploadedAt;
-        batch.changed(key);
+        batch.changed(key, intervalKey);
       }
     }
   }
@@ -542,7 +778,7 @@ void StatisticsStore::markUploaded(const std::vector<HeartRateSample>& records, 
   for (const auto& record : records) {
     intervalKeys.push_back(timestampString(record.startDate));
   }
-  markUploaded({std::string(kHeartRateSamplesKey)}, intervalKeys, uploadedAt);
+  markUploaded(StatisticsFamily::heartRateSamples, intervalKeys, uploadedAt);
 }
 
 void StatisticsStore::markUploaded(const std::vector<DailyDetailSample>& records, Date uploadedAt) {
@@ -550,7 +786,7 @@ void StatisticsStore::markUploaded(const std::vector<DailyDetailSample>& records
   for (const auto& record : records) {
     intervalKeys.push_back(timestampString(record.startDate));
   }
-  markUploaded(detailKeys(), intervalKeys, uploadedAt);
+  markUploaded(StatisticsFamily::dailyDetailSamples, intervalKeys, uploadedAt);
 }
 
 void StatisticsStore::markUploaded(const std::vector<DailySummary>& records, Date uploadedAt) {
@@ -558,31 +794,60 @@ void StatisticsStore::markUploaded(const std::vector<DailySummary>& records, Dat
   for (const auto& record : records) {
     intervalKeys.push_back(record.date);
   }
-  markUploaded(summaryKeys(), intervalKeys, uploadedAt);
+  markUploaded(StatisticsFamily::dailySummaries, intervalKeys, uploadedAt);
 }
 
 void StatisticsStore::deleteBefore(Date date) {
   // NOTE: a plain text comparison on purpose: a timestamp key of the cut-off day sorts after
   // the day text itself, so the whole cut-off day survives, whatever the entry's time.
   const auto cutOff = DayFormatter::shared().string(date);
-  Batch batch(*this);
   for (const auto& key : statisticsKeys()) {
-    if (!defaults_->data(key)) {
-      continue;
-    }
-    auto& map = batch.map(key);
-    map.erase(map.begin(), map.lower_bound(cutOff));
-    batch.changed(key);
+    defaults_->removeObjects(rowKey(key, ""), rowKey(key, cutOff));
   }
-  batch.commit();
+  for (auto family : kFamilies) {
+    defaults_->removeObjects(rowKey(newDataPrefix(family), ""),
+                             rowKey(newDataPrefix(family), cutOff));
+  }
   logInfo(kCategory, kDeletedBefore, {timestampString(date)});
 }
 
 void StatisticsStore::deleteAll() {
   for (const auto& key : statisticsKeys()) {
+    defaults_->removeObjects(rowKey(key, ""), rangeEnd(key));
     defaults_->removeObject(key);
   }
+  defaults_->removeObjects(kNewDataPrefix,
+                           rangeEnd(kNewDataPrefix.substr(0, kNewDataPrefix.size() - 1)));
   logInfo(kCategory, kDeletedAll);
+}
+
+StatisticsStore::Count StatisticsStore::count(StatisticsFamily family) const {
+  // Paged, so that years of figures are never held at once.
+  Count count;
+  auto countIntervals = [&](const std::string& from, const std::string& end,
+                            std::size_t prefixSize) {
+    std::set<std::string, std::less<>> intervals;
+    std::string next = from;
+    for (;;) {
+      const auto rows = defaults_->objects(next, end, kCountPage);
+      for (const auto& [row, value] : rows) {
+        auto interval = std::string_view(row).substr(prefixSize + 1);
+        intervals.emplace(interval.substr(0, interval.find(kSeparator)));
+      }
+      if (rows.size() < kCountPage) {
+        return intervals;
+      }
+      next = rows.back().first + '\0';
+    }
+  };
+  std::set<std::string, std::less<>> all;
+  for (const auto& key : keysOf(family)) {
+    all.merge(countIntervals(rowKey(key, ""), rangeEnd(key), key.size()));
+  }
+  count.entries = all.size();
+  const auto prefix = newDataPrefix(family);
+  count.withNewData = countIntervals(rowKey(prefix, ""), rangeEnd(prefix), prefix.size()).size();
+  return count;
 }
 
 }  // namespace kestrova

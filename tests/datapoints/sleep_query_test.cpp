@@ -40,13 +40,31 @@ class SleepQueryTest : public StoreTest {
     save(delivery_);
   }
 
-  std::optional<std::vector<nlohmann::json>> collectFor(SystemVersion system) {
+  // `failFirst`: the first stage query answers with an error instead of running.
+  std::optional<std::vector<nlohmann::json>> collectFor(SystemVersion system,
+                                                        bool failFirst = false) {
     return collect([&](QueryRunner runner, auto queue, auto completion) {
-      collectSleepEpisodes(delivery_, system, runner, queue, std::move(completion));
+      if (failFirst) {
+        runner.execute = [execute = runner.execute,
+                          failed = std::make_shared<bool>(false)](std::shared_ptr<Query> query) {
+          if (std::exchange(*failed, true)) {
+            execute(std::move(query));
+            return;
+          }
+          auto stages = std::static_pointer_cast<SampleQuery>(query);
+          stages->resultsHandler()(stages, healthError(1, "the store is busy"));
+        };
+      }
+      collectSleepEpisodes(delivery_, system, runner, queue,
+                           [this, completion](std::vector<nlohmann::json> points, bool all) {
+                             allEpisodes_ = all;
+                             completion(std::move(points));
+                           });
     });
   }
 
   std::vector<SamplePtr> delivery_;
+  std::optional<bool> allEpisodes_;
 };
 
 TEST_F(SleepQueryTest, StagesPerEpisodeWithLightForCoreAndEachDetailOnce) {
@@ -55,6 +73,14 @@ TEST_F(SleepQueryTest, StagesPerEpisodeWithLightForCoreAndEachDetailOnce) {
   EXPECT_EQ(nlohmann::json(*points), golden("sleep_night.json"));
   EXPECT_EQ(executed_.load(), 2);
   EXPECT_EQ(finished_.load(), 2);
+  EXPECT_EQ(allEpisodes_, true);
+
+  // A failed stage query leaves its episode out and says so, so that the delivery's anchor
+  // is kept back and the episode fetched again.
+  const auto partial = collectFor(SystemVersion{16, 0}, true);
+  ASSERT_TRUE(partial) << "no completion";
+  EXPECT_EQ(allEpisodes_, false);
+  EXPECT_LT(partial->size(), points->size());
 }
 
 TEST_F(SleepQueryTest, OlderSystemSendsUnknownSleepOnlyUnderTheOmhSchema) {
@@ -66,7 +92,9 @@ TEST_F(SleepQueryTest, OlderSystemSendsUnknownSleepOnlyUnderTheOmhSchema) {
 TEST_F(SleepQueryTest, DeliveryWithoutEpisodesCompletesWithNothing) {
   const std::vector<SamplePtr> stagesOnly(delivery_.begin() + 1, delivery_.begin() + 9);
   const auto points = collect([&](QueryRunner runner, auto queue, auto completion) {
-    collectSleepEpisodes(stagesOnly, SystemVersion{}, runner, queue, std::move(completion));
+    collectSleepEpisodes(
+        stagesOnly, SystemVersion{}, runner, queue,
+        [completion](std::vector<nlohmann::json> points, bool) { completion(std::move(points)); });
   });
   ASSERT_TRUE(points);
   EXPECT_TRUE(points->empty());

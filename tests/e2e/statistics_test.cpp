@@ -14,6 +14,7 @@
 #include "kestrova/facade.h"
 #include "server/server.h"
 #include "statistics/data_manager.h"
+#include "support/child_process.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -267,6 +268,75 @@ TEST_F(StatisticsEndToEndTest, HeartRateDetailAndSummaryFiguresArriveDeduplicate
   });
   EXPECT_EQ(bySchema["ks-daily-detail"].at(later)["body"]["step_count"], 50.0);
   EXPECT_EQ(bySchema["daily-summary-with-heart-rate"][dayId]["body"]["step_count"], daySteps + 50);
+}
+
+TEST_F(StatisticsEndToEndTest, AFigureIsSentOnceAndALateSampleRecomputesOnlyFromItsDay) {
+  // Three weeks of steps and heart rate, 08:00 to 08:10 UTC each day.
+  const auto& w = watch();
+  std::vector<SamplePtr> samples;
+  std::vector<Uuid> lastDay;
+  for (int day = 0; day < 21; ++day) {
+    const auto at = utc(2024, 3, 4, 8) + std::chrono::hours(24 * day);
+    samples.push_back(quantity(kStepCountIdentifier, 100 + day, "count", at, at + minutes(10), w));
+    samples.push_back(quantity(kHeartRateIdentifier, 60 + day, "count/min", at, at, w));
+    if (day == 20) {
+      lastDay = {samples.end()[-2]->uuid(), samples.end()[-1]->uuid()};
+    }
+  }
+  ASSERT_TRUE(store_->saveObjects(samples).ok());
+  ASSERT_EQ(configure(), Outcome(true, std::nullopt));
+  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  // The manual clock fires the upload timers only when moved: moved only once the first pass
+  // is recorded, as a real clock does after the pass's last batch.
+  ASSERT_TRUE(testing::eventually([&] { return log_->contains("Statistics pass completed"); },
+                                  std::chrono::duration_cast<std::chrono::milliseconds>(kWait)));
+
+  const auto complete = [](BySchema& got) {
+    return got["ks-heart-rate-sample"].size() == 21 && got["ks-daily-detail"].size() == 21 &&
+           got["daily-summary-with-heart-rate"].size() == 21;
+  };
+  auto bySchema = uploadUntil(complete);
+  ASSERT_TRUE(complete(bySchema));
+  // Exactly once: the server keeps one copy per id, its receipts say how often it came.
+  std::map<std::string, std::int64_t> receipts;
+  for (const auto& point : server_->dataPoints("p1")) {
+    receipts[point.id] = point.receipts;
+    EXPECT_EQ(point.receipts, 1) << point.id;
+  }
+
+  // A sample of a day three weeks back, imported after the sync: that day's interval and day
+  // figures go again, nothing else; the pass starts at that day's local midnight.
+  const auto late = utc(2024, 3, 5, 12);
+  ASSERT_TRUE(
+      store_->saveObjects({quantity(kStepCountIdentifier, 40, "count", late, late + minutes(5), w)})
+          .ok());
+  const auto lateId = "p1-ks-daily-detail-2024-03-05T13:00:00.000";
+  const auto dayId = "p1---2024-03-05";
+  bySchema = uploadUntil([&](BySchema& got) {
+    return got["ks-daily-detail"].count(lateId) == 1 &&
+           got["daily-summary-with-heart-rate"][dayId]["body"]["step_count"] == 101.0 + 40;
+  });
+  ASSERT_EQ(bySchema["ks-daily-detail"].count(lateId), 1u);
+  EXPECT_EQ(bySchema["daily-summary-with-heart-rate"][dayId]["body"]["step_count"], 141.0);
+  EXPECT_TRUE(
+      log_->contains("Statistics of HKQuantityTypeIdentifierStepCount are recomputed from "
+                     "2024-03-04T23:00:00.000"));
+  for (const auto& point : server_->dataPoints("p1")) {
+    const auto expected = point.id == dayId ? 2 : 1;
+    EXPECT_EQ(point.receipts, expected) << point.id;
+  }
+
+  // A deletion does not say which day it touched: the pass covers the whole range again.
+  ASSERT_TRUE(store_->deleteObjects(lastDay).ok());
+  const auto deadline = std::chrono::steady_clock::now() + kWait;
+  while (!log_->contains("Statistics of HKQuantityTypeIdentifierStepCount are recomputed from "
+                         "2024-03-01T00:00:00.000") &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_TRUE(
+      log_->contains("Statistics of HKQuantityTypeIdentifierStepCount are recomputed from "
+                     "2024-03-01T00:00:00.000"));
 }
 
 }  // namespace

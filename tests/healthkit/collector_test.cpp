@@ -8,6 +8,8 @@
 #include "healthkit/health_kit_types.h"
 #include "healthkit/sample_collector.h"
 #include "healthstore/embedded_health_store.h"
+#include "storage/file_server.h"
+#include "storage/token_store.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -43,6 +45,67 @@ TEST(HealthKitTypes, SetsAndSystemVersions) {
   }
 }
 
+// The embedded store, except that anchored queries wait until the test releases them, so that
+// a test can see how many fetches run and what happens while one is under way. Its mutex owns
+// the held queries.
+class HoldingStore : public HealthStore {
+ public:
+  explicit HoldingStore(std::shared_ptr<HealthStore> store) : store_(std::move(store)) {}
+  bool isHealthDataAvailable() const override { return store_->isHealthDataAvailable(); }
+  void requestAuthorization(std::set<ObjectType> share, std::set<ObjectType> read,
+                            HealthStoreCompletion completion) override {
+    store_->requestAuthorization(std::move(share), std::move(read), std::move(completion));
+  }
+  void executeQuery(std::shared_ptr<Query> query) override {
+    if (query->kind() == QueryKind::anchoredObject) {
+      std::lock_guard lock(mutex_);
+      held_.push_back(std::move(query));
+      return;
+    }
+    store_->executeQuery(std::move(query));
+  }
+  void stopQuery(const std::shared_ptr<Query>& query) override { store_->stopQuery(query); }
+  void enableBackgroundDelivery(ObjectType type, UpdateFrequency frequency,
+                                HealthStoreCompletion completion) override {
+    store_->enableBackgroundDelivery(type, frequency, std::move(completion));
+  }
+  void disableBackgroundDelivery(ObjectType type, HealthStoreCompletion completion) override {
+    store_->disableBackgroundDelivery(type, std::move(completion));
+  }
+  void disableAllBackgroundDelivery(HealthStoreCompletion completion) override {
+    store_->disableAllBackgroundDelivery(std::move(completion));
+  }
+
+  // Waits until `count` anchored queries are held, and for a moment longer to see no more.
+  std::size_t held(std::size_t count) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (size() < count && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    return size();
+  }
+  void releaseOne() {
+    std::shared_ptr<Query> query;
+    {
+      std::lock_guard lock(mutex_);
+      query = held_.front();
+      held_.erase(held_.begin());
+    }
+    store_->executeQuery(std::move(query));
+  }
+
+ private:
+  std::size_t size() const {
+    std::lock_guard lock(mutex_);
+    return held_.size();
+  }
+
+  std::shared_ptr<HealthStore> store_;
+  mutable std::mutex mutex_;
+  std::vector<std::shared_ptr<Query>> held_;
+};
+
 class CollectorTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -58,10 +121,11 @@ class CollectorTest : public ::testing::Test {
 
   std::shared_ptr<SampleCollector> collector(
       std::set<std::string, std::less<>> enabled, SystemVersion system = {}, bool configured = true,
-      std::function<void(std::vector<ObjectType>)> statistics = nullptr) {
+      std::function<void(std::vector<ObjectType>)> statistics = nullptr,
+      std::shared_ptr<HealthStore> store = nullptr) {
     SampleCollector::Environment environment;
     environment.statistics = std::move(statistics);
-    environment.store = store_;
+    environment.store = store ? std::move(store) : store_;
     environment.anchors = std::make_shared<AnchorStore>(test_.platform->defaults);
     environment.clock = test_.clock;
     environment.system = system;
@@ -116,6 +180,62 @@ TEST_F(CollectorTest, ObservesEachEnabledTypeOnceHoweverOftenStarted) {
   narrow->startObserving();
   EXPECT_EQ(settledCount(*narrow, 2), 2u);
   narrow->stopObserving();
+}
+
+TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept) {
+  constexpr std::string_view kBodyMass = "HKQuantityTypeIdentifierBodyMass";
+  SampleProperties properties;
+  properties.startDate = testing::utc(2024, 3, 1, 8);
+  properties.endDate = properties.startDate;
+  properties.sourceRevision = SourceRevision{Source{"Scale", "com.example.scale"}, "1", "", {1}};
+  const auto weigh = [&](double kilograms) {
+    properties.startDate += std::chrono::hours(1);
+    properties.endDate = properties.startDate;
+    ASSERT_TRUE(
+        store_
+            ->saveObjects({QuantitySample::make(ObjectType::quantityType(kBodyMass).value(),
+                                                Quantity(Unit::fromString("kg").value(), kilograms),
+                                                properties)
+                               .value()})
+            .ok());
+  };
+  weigh(70);
+  // With a token the uploads fail for want of a server and the files stay to be counted.
+  TokenStore(test_.platform->secureStore, test_.platform->applicationIdentifier)
+      .saveToken("token-of-p1", "p1");
+  auto holding = std::make_shared<HoldingStore>(store_);
+  auto body = collector({std::string(kBodyMass)}, SystemVersion{}, true, nullptr, holding);
+  const auto& files = api_->fileServer();
+  const AnchorStore anchors(test_.platform->defaults);
+  const auto filesWritten = [&](std::size_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (files.list(true).size() < count && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return files.list(true).size();
+  };
+
+  // The first fetch and the observer's first delivery meet: one fetch, and one more after it.
+  body->startObserving();
+  ASSERT_EQ(holding->held(1), 1u);
+  holding->releaseOne();
+  EXPECT_EQ(filesWritten(1), 1u);
+  ASSERT_EQ(holding->held(1), 1u);
+  holding->releaseOne();
+  EXPECT_EQ(holding->held(0), 0u);
+  EXPECT_EQ(filesWritten(2), 1u) << "the same samples written twice";
+  const auto anchor = anchors.storedAnchor(kBodyMass);
+  ASSERT_TRUE(anchor);
+
+  // A disconnect while a fetch is under way: its delivery writes no file and stores no anchor.
+  weigh(71);
+  body->fetchNewSamples(SampleFamily::bodyMeasurements,
+                        ObjectType::quantityType(kBodyMass).value());
+  ASSERT_EQ(holding->held(1), 1u);
+  body->stopObserving();
+  holding->releaseOne();
+  EXPECT_EQ(filesWritten(2), 1u);
+  EXPECT_EQ(anchors.storedAnchor(kBodyMass)->position(), anchor->position());
 }
 
 TEST_F(CollectorTest, WithoutAConfigurationNothingIsObservedButDeliveryIsEnabled) {

@@ -176,10 +176,13 @@ class DataManagerTest : public ::testing::Test {
     test_.clock->advance(by);
     settle();
   }
+  // A tick sends its pages one after the other: each accepted page queues the next.
   void settle() {
-    queue()->sync([] {});
-    waitUntil([&] { return api_->apiQueue()->operationCount() == 0; });
-    queue()->sync([] {});
+    do {
+      queue()->sync([] {});
+      waitUntil([&] { return api_->apiQueue()->operationCount() == 0; });
+      queue()->sync([] {});
+    } while (api_->apiQueue()->operationCount() != 0);
   }
   // For what happens on other threads after the last queue this test can wait on, such as a
   // finished operation being released by its queue.
@@ -202,7 +205,8 @@ class DataManagerTest : public ::testing::Test {
 
 TEST_F(DataManagerTest, BatchesOneSecondApartUploadOnceThreeSecondsAfterTheLast) {
   for (int batch = 0; batch < 3; ++batch) {
-    manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(15 * batch), 1));
+    manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(15 * batch), 1),
+                                       DataManager::currentEpoch());
     advance(seconds(1));
   }
   advance(milliseconds(1999));
@@ -225,19 +229,20 @@ TEST_F(DataManagerTest, BatchesOneSecondApartUploadOnceThreeSecondsAfterTheLast)
   EXPECT_TRUE(log_->contains("Heart rate samples for profile p1 has been uploaded successfully"));
 
   // Uploaded and unchanged: later ticks send nothing.
-  manager_->storeHeartRateStatistics(heartRates(nine_, 3));
+  manager_->storeHeartRateStatistics(heartRates(nine_, 3), DataManager::currentEpoch());
   advance(seconds(3));
   EXPECT_EQ(sent(), 1u);
 }
 
 TEST_F(DataManagerTest, EachFamilyArmsOnlyItsOwnTimer) {
-  manager_->storeDailySummaryStatistics(steps(utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), 8000));
+  manager_->storeDailySummaryStatistics(steps(utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), 8000),
+                                        DataManager::currentEpoch());
   advance(seconds(3));
   ASSERT_EQ(sent(), 1u);
   EXPECT_EQ(schemaOf(session_->requests()[0]), "daily-summary");
 
   manager_->storeDailyDetailStatistics(steps(nine_, nine_ + minutes(15), 120),
-                                       type(kStepCountIdentifier));
+                                       type(kStepCountIdentifier), DataManager::currentEpoch());
   advance(seconds(3));
   ASSERT_EQ(sent(), 2u);
   EXPECT_EQ(schemaOf(session_->requests()[1]), "ks-daily-detail");
@@ -260,16 +265,17 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
   };
   for (const auto& c : cases) {
     // On the queue that owns the store: the previous case may still be marking.
-    queue()->sync([&] { test_.platform->defaults->removeObject(kHeartRateSamplesKey); });
+    queue()->sync(
+        [&] { StatisticsStore(test_.platform->defaults, test_.clock, std::nullopt).deleteAll(); });
     manager_ = make(utc(2024, 1, 1));
-    manager_->storeHeartRateStatistics(heartRates(nine_, 1));
+    manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
     session_->script({c.answer});
     const auto before = sent();
     advance(seconds(3));
     ASSERT_EQ(sent(), before + 1) << c.name;
 
     // The next tick, armed by an unchanged batch, resends only what was not marked.
-    manager_->storeHeartRateStatistics(heartRates(nine_, 1));
+    manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
     advance(seconds(3));
     EXPECT_EQ(sent(), before + (c.marked ? 1 : 2)) << c.name;
   }
@@ -280,14 +286,14 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
 
 TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
   const auto count = static_cast<int>(DataManager::kMaximumDataPointsPerRequest) + 1;
-  manager_->storeHeartRateStatistics(heartRates(nine_, count));
+  manager_->storeHeartRateStatistics(heartRates(nine_, count), DataManager::currentEpoch());
   session_->script({{200}, {503}});
   advance(seconds(3));
   ASSERT_EQ(sent(), 2u);
   EXPECT_EQ(body(session_->requests()[0]).size(), DataManager::kMaximumDataPointsPerRequest);
   EXPECT_EQ(body(session_->requests()[1]).size(), 1u);
 
-  manager_->storeHeartRateStatistics(heartRates(nine_, 1));
+  manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
   advance(seconds(3));
   ASSERT_EQ(sent(), 3u);
   const auto resent = body(session_->requests()[2]);
@@ -297,12 +303,13 @@ TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
 
 TEST_F(DataManagerTest, ATickWaitsUntilThePreviousTickOfItsFamilyIsAnswered) {
   session_->hold();
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2));
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
   waitUntil([&] { return sent() == 1; });
   ASSERT_EQ(sent(), 1u);
-  manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(30), 1));
+  manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(30), 1),
+                                     DataManager::currentEpoch());
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
   queue()->sync([] {});
@@ -319,29 +326,29 @@ TEST_F(DataManagerTest, ATickWaitsUntilThePreviousTickOfItsFamilyIsAnswered) {
 
 TEST_F(DataManagerTest, NothingIsSentWithoutAProfileOrAfterTheManagerIsGone) {
   ProfileStore(test_.platform->defaults).remove();
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2));
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
   advance(seconds(3));
   EXPECT_EQ(sent(), 0u);
 
   ProfileStore(test_.platform->defaults).store(Profile{"p1"});
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2));
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
   manager_.reset();
   advance(seconds(3));
   EXPECT_EQ(sent(), 0u);
   // Work already queued does not depend on the manager: the figures were recorded and are
   // still new for the next manager.
   auto next = make(utc(2024, 1, 1));
-  next->storeHeartRateStatistics(heartRates(nine_, 1));
+  next->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
   advance(seconds(3));
   ASSERT_EQ(sent(), 1u);
   EXPECT_EQ(body(session_->requests()[0]).size(), 2u);
 }
 
-TEST_F(DataManagerTest, ConstructionSweepsLeftoverFilesAndPrunesOldStatistics) {
+TEST_F(DataManagerTest, ConstructionSweepsLeftoverFilesPrunesOldStatisticsAndSendsTheRest) {
   manager_->storeDailyDetailStatistics(steps(utc(2024, 2, 29, 22), utc(2024, 2, 29, 22, 15), 9),
-                                       type(kStepCountIdentifier));
+                                       type(kStepCountIdentifier), DataManager::currentEpoch());
   manager_->storeDailyDetailStatistics(steps(nine_, nine_ + minutes(15), 10),
-                                       type(kStepCountIdentifier));
+                                       type(kStepCountIdentifier), DataManager::currentEpoch());
   settle();
   const auto fileServer = api_->fileServer();
   for (bool bulk : {false, true}) {
@@ -354,23 +361,42 @@ TEST_F(DataManagerTest, ConstructionSweepsLeftoverFilesAndPrunesOldStatistics) {
   manager_.reset();
 
   // Starting on 2024-03-01 (Berlin): the interval of 23:00 Berlin the day before goes.
-  manager_ = make(utc(2024, 3, 1, 12));
+  manager_ = make(utc(2024, 3, 1, 8));
   settle();
   std::vector<std::string> urls;
   for (const auto& request : session_->requests()) {
     urls.push_back(request.url);
   }
-  EXPECT_EQ(urls, (std::vector<std::string>{"https://kestrova.test/api/v1.3/ingest/",
+  // Both files, then the figure left new (the pruned one is not in it).
+  ASSERT_EQ(urls, (std::vector<std::string>{"https://kestrova.test/api/v1.3/ingest/",
+                                            "https://kestrova.test/api/v1.3/ingest/bulk/",
                                             "https://kestrova.test/api/v1.3/ingest/bulk/"}));
-  const auto kept = StatisticsStore(test_.platform->defaults, test_.clock, std::nullopt)
-                        .load("step-count-samples");
-  ASSERT_TRUE(kept);
-  ASSERT_EQ(kept->size(), 1u);
-  EXPECT_EQ(kept->begin()->first, "2024-03-01T09:00:00.000");
+  const auto figures = body(session_->requests()[2]);
+  ASSERT_EQ(figures.size(), 1u);
+  EXPECT_EQ(figures[0]["header"]["id"], "p1-ks-daily-detail-2024-03-01T10:00:00.000");
+  EXPECT_EQ(test_.platform->defaults->keys("step-count-samples"),
+            std::vector<std::string>{"step-count-samples/2024-03-01T09:00:00.000"});
 
   manager_->deleteAllStoredStatistics();
   settle();
-  EXPECT_FALSE(test_.platform->defaults->data("step-count-samples"));
+  EXPECT_TRUE(test_.platform->defaults->keys("step-count-samples").empty());
+}
+
+TEST_F(DataManagerTest, ResultsOfAConnectionThatEndedAreDropped) {
+  // A pass started before a disconnect delivers after it: nothing of it may come back.
+  const auto before = DataManager::currentEpoch();
+  manager_->deleteAllStoredStatistics();
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2), before);
+  std::promise<bool> current;
+  manager_->afterRecorded(before, [&](bool isCurrent) { current.set_value(isCurrent); });
+  EXPECT_FALSE(current.get_future().get());
+  advance(seconds(3));
+  EXPECT_EQ(sent(), 0u);
+  EXPECT_TRUE(test_.platform->defaults->keys("heart-rate-samples").empty());
+
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
+  advance(seconds(3));
+  EXPECT_EQ(sent(), 1u);
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 // The statistics store on the real SQLite defaults store with a manual clock: the larger-sum
-// and equal-figure rules, the new-data rule, marking, pruning and the assembled records.
+// and equal-figure rules, the new-data rule, marking, paging, pruning, the assembled records,
+// the rows as they lie on disk and the move from the former one-map-per-key layout.
 #include "statistics/statistics_store.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <limits>
 
 #include "facade/formatters.h"
 #include "support/test_support.h"
@@ -61,7 +63,24 @@ class StatisticsStoreTest : public ::testing::Test {
     return StatisticsStore(test_.platform->defaults, test_.clock, startDate);
   }
   StatisticsValueData entry(std::string_view key, const std::string& intervalKey) const {
-    return store().load(key).value().at(intervalKey);
+    return store().entry(key, intervalKey).value();
+  }
+  std::vector<HeartRateSample> newHeartRates(const StatisticsStore& statistics) const {
+    return statistics.newHeartRateSamples("", 100).records;
+  }
+  std::vector<DailyDetailSample> newDetails(const StatisticsStore& statistics) const {
+    return statistics.newDailyDetailSamples("", 100).records;
+  }
+  std::vector<DailySummary> newSummaries(const StatisticsStore& statistics) const {
+    return statistics.newDailySummaries("", 100).records;
+  }
+  nlohmann::json row(std::string_view key) const {
+    const auto bytes = test_.platform->defaults->data(key).value();
+    return nlohmann::json::parse(bytes.begin(), bytes.end());
+  }
+  nlohmann::json golden() const {
+    std::ifstream in(std::string(KESTROVA_STATISTICS_GOLDEN_DIR) + "/stored_heart_rate_entry.json");
+    return nlohmann::json::parse(in);
   }
 
   testing::TempDir dir_;
@@ -81,14 +100,15 @@ TEST_F(StatisticsStoreTest, ASumIsOnlyReplacedByALargerOneAndKeepsItsUploadTime)
   EXPECT_EQ(entry(kStepsKey, nineKey_).updatedAt, stored);
 
   const auto uploaded = test_.clock->now();
-  statistics.markUploaded(statistics.dailyDetailSamples(), uploaded);
+  statistics.markUploaded(newDetails(statistics), uploaded);
+  EXPECT_TRUE(newDetails(statistics).empty());
   test_.clock->advance(seconds(10));
   statistics.storeDailyDetailStatistics({quarter(kSteps, nine_, 120)}, type(kSteps));
   const auto grown = entry(kStepsKey, nineKey_);
   EXPECT_EQ(grown.value, 120.0);
   EXPECT_EQ(grown.updatedAt, test_.clock->now());
   EXPECT_EQ(grown.uploadedAt, uploaded);
-  EXPECT_TRUE(statistics.hasNewData(grown));
+  EXPECT_EQ(newDetails(statistics).size(), 1u);
 }
 
 TEST_F(StatisticsStoreTest, ABatchEndsAsTheSameObjectsStoredOneByOne) {
@@ -98,12 +118,12 @@ TEST_F(StatisticsStoreTest, ABatchEndsAsTheSameObjectsStoredOneByOne) {
       quarter(kSteps, nine_, 120), quarter(kSteps, nine_ + minutes(15), 5)};
   auto statistics = store();
   statistics.storeDailyDetailStatistics(delivered, type(kSteps));
-  const auto batched = test_.platform->defaults->data(kStepsKey);
-  test_.platform->defaults->removeObject(kStepsKey);
+  EXPECT_EQ(entry(kStepsKey, nineKey_).value, 130.0);
+  EXPECT_EQ(entry(kStepsKey, "2024-03-01T09:15:00.000").value, 7.0);
+  statistics.deleteAll();
   for (const auto& one : delivered) {
     statistics.storeDailyDetailStatistics({one}, type(kSteps));
   }
-  EXPECT_EQ(test_.platform->defaults->data(kStepsKey), batched);
   EXPECT_EQ(entry(kStepsKey, nineKey_).value, 130.0);
   EXPECT_EQ(entry(kStepsKey, "2024-03-01T09:15:00.000").value, 7.0);
 }
@@ -132,83 +152,172 @@ TEST_F(StatisticsStoreTest, NewDataRule) {
         std::nullopt};
     EXPECT_EQ(store(c.startDate).hasNewData(data), c.isNew) << c.name;
   }
+  // The reads apply the start date too, although the figure waits in the new-data index.
+  auto statistics = store(nine_ + minutes(15));
+  statistics.storeHeartRateStatistics(
+      {heartRate(kHeartRateIdentifier, nine_, nine_ + minutes(15), 70, 60, 80),
+       heartRate(kHeartRateIdentifier, nine_ + minutes(15), nine_ + minutes(30), 71, 60, 80)});
+  const auto samples = newHeartRates(statistics);
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].average, 71.0);
 }
 
 TEST_F(StatisticsStoreTest, AnUnchangedHeartRateFigureIsNotNewAgain) {
   auto statistics = store();
   const auto figure = heartRate(kHeartRateIdentifier, nine_, nine_ + minutes(15), 70, 60, 80);
   statistics.storeHeartRateStatistics({figure});
-  auto samples = statistics.heartRateSamples();
+  auto samples = newHeartRates(statistics);
   ASSERT_EQ(samples.size(), 1u);
   EXPECT_TRUE(samples[0].hasNewData);
   // Uploaded at the time it was stored: equal times still count as new.
   statistics.markUploaded(samples, test_.clock->now());
-  EXPECT_TRUE(statistics.heartRateSamples().at(0).hasNewData);
+  EXPECT_EQ(newHeartRates(statistics).size(), 1u);
   test_.clock->advance(seconds(1));
   statistics.markUploaded(samples, test_.clock->now());
 
   test_.clock->advance(seconds(10));
   statistics.storeHeartRateStatistics({figure});
-  EXPECT_FALSE(statistics.heartRateSamples().at(0).hasNewData);
+  EXPECT_TRUE(newHeartRates(statistics).empty());
 
   // A later sample lowers the minimum: the figure changed and goes again.
   statistics.storeHeartRateStatistics(
       {heartRate(kHeartRateIdentifier, nine_, nine_ + minutes(15), 70, 58, 80)});
-  samples = statistics.heartRateSamples();
-  EXPECT_TRUE(samples.at(0).hasNewData);
+  samples = newHeartRates(statistics);
+  ASSERT_EQ(samples.size(), 1u);
   EXPECT_EQ(samples.at(0).minimum, 58.0);
 }
 
-TEST_F(StatisticsStoreTest, DeleteBeforeKeepsTheWholeCutOffDay) {
+TEST_F(StatisticsStoreTest, PagesGoOnAfterTheirLastIntervalAndAFigureStoredAfterTheReadStaysNew) {
   auto statistics = store();
-  const auto at = [](Date date) {
-    return StatisticsValueData{date, date, date, std::nullopt, 1.0, std::nullopt, std::nullopt};
-  };
-  statistics.save({{"2024-02-29T23:59:59.999", at(utc(2024, 2, 29, 23, 59, 59, 999))},
-                   {"2024-03-01T08:00:00.000", at(utc(2024, 3, 1, 8))}},
-                  kStepsKey);
-  statistics.save(
-      {{"2024-02-29", at(utc(2024, 2, 28, 23))}, {"2024-03-01", at(utc(2024, 2, 29, 23))}},
-      summaryKey(kSteps));
+  std::vector<Statistics> quarters;
+  for (int i = 0; i < 5; ++i) {
+    quarters.push_back(quarter(kSteps, nine_ + minutes(15 * i), 10 + i));
+  }
+  statistics.storeDailyDetailStatistics(quarters, type(kSteps));
+  // Two keys behind one interval still make one record of the page.
+  statistics.storeDailyDetailStatistics({quarter(kWalking, nine_, 3)}, type(kWalking));
+
+  std::vector<double> steps;
+  std::string after;
+  int pages = 0;
+  for (bool complete = false; !complete; ++pages) {
+    const auto page = statistics.newDailyDetailSamples(after, 2);
+    for (const auto& record : page.records) {
+      steps.push_back(record.stepCount);
+    }
+    after = page.last;
+    complete = page.complete;
+  }
+  EXPECT_EQ(steps, (std::vector<double>{10, 11, 12, 13, 14}));
+  EXPECT_EQ(pages, 3);
+
+  // Read at the tick, then grown before the mark: the grown figure is still to be sent.
+  test_.clock->advance(seconds(1));
+  const auto tick = test_.clock->now();
+  const auto read = newDetails(statistics);
+  test_.clock->advance(seconds(1));
+  statistics.storeDailyDetailStatistics({quarter(kSteps, nine_, 50)}, type(kSteps));
+  statistics.markUploaded(read, tick);
+  const auto left = newDetails(statistics);
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(left[0].stepCount, 50.0);
+}
+
+TEST_F(StatisticsStoreTest, DeleteBeforeKeepsTheWholeCutOffDayAndDeleteAllLeavesNoRow) {
+  auto statistics = store(utc(2024, 2, 1));
+  statistics.storeDailyDetailStatistics(
+      {quarter(kSteps, utc(2024, 2, 29, 23, 45), 1), quarter(kSteps, utc(2024, 3, 1, 8), 2)},
+      type(kSteps));
+  statistics.storeDailySummaryStatistics(
+      {sum(kSteps, utc(2024, 2, 28, 23), utc(2024, 2, 29, 23), 3),
+       sum(kSteps, utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), 4)});
+  statistics.storeHeartRateStatistics(
+      {heartRate(kHeartRateIdentifier, utc(2024, 2, 29, 23, 45), utc(2024, 3, 1), 70, 60, 80)});
 
   // 15:00 Berlin on the cut-off day.
   statistics.deleteBefore(utc(2024, 3, 1, 14));
-  const auto keys = [&](std::string_view key) {
-    std::vector<std::string> kept;
-    const auto loaded = statistics.load(key).value();
-    for (const auto& [intervalKey, value] : loaded) {
-      kept.push_back(intervalKey);
-    }
-    return kept;
-  };
-  EXPECT_EQ(keys(kStepsKey), std::vector<std::string>{"2024-03-01T08:00:00.000"});
-  EXPECT_EQ(keys(summaryKey(kSteps)), std::vector<std::string>{"2024-03-01"});
+  const auto& defaults = *test_.platform->defaults;
+  EXPECT_EQ(defaults.keys("step-count-samples/"),
+            std::vector<std::string>{"step-count-samples/2024-03-01T08:00:00.000"});
+  EXPECT_EQ(defaults.keys("summary-HKQuantityTypeIdentifierStepCount/"),
+            std::vector<std::string>{"summary-HKQuantityTypeIdentifierStepCount/2024-03-01"});
+  EXPECT_TRUE(defaults.keys("heart-rate-samples/").empty());
+  EXPECT_EQ(
+      defaults.keys("statistics-new/"),
+      (std::vector<std::string>{
+          "statistics-new/daily-detail/2024-03-01T08:00:00.000/step-count-samples",
+          "statistics-new/daily-summary/2024-03-01/summary-HKQuantityTypeIdentifierStepCount"}));
+  EXPECT_EQ(newDetails(statistics).size(), 1u);
+  EXPECT_EQ(newSummaries(statistics).size(), 1u);
   EXPECT_TRUE(log_->contains("Deleted stored statistics before"));
 
   statistics.deleteAll();
-  for (const auto& key : statisticsKeys()) {
-    EXPECT_FALSE(test_.platform->defaults->data(key)) << key;
-  }
+  EXPECT_EQ(defaults.keys(), std::vector<std::string>{}) << "rows left after delete-all";
   EXPECT_TRUE(log_->contains("Deleted all stored statistics"));
 }
 
-TEST_F(StatisticsStoreTest, StoredFormMatchesHandWrittenJson) {
+TEST_F(StatisticsStoreTest, AnEntryLiesOnDiskInTheFormerMapsEntryForm) {
   test_.clock->set(utc(2001, 1, 2, 0, 0, 0, 500));
   auto statistics = store(utc(2000, 1, 1));
   statistics.storeHeartRateStatistics(
       {heartRate(kHeartRateIdentifier, utc(2001, 1, 1, 0, 1), utc(2001, 1, 1, 0, 16), 70, 65, 75)});
-  std::ifstream in(std::string(KESTROVA_STATISTICS_GOLDEN_DIR) + "/stored_heart_rate_entry.json");
-  const auto bytes = test_.platform->defaults->data(kHeartRateSamplesKey).value();
-  EXPECT_EQ(nlohmann::json::parse(bytes.begin(), bytes.end()), nlohmann::json::parse(in));
+  EXPECT_EQ(row("heart-rate-samples/2001-01-01T00:01:00.000"),
+            golden()["dates2Value"]["2001-01-01T00:01:00.000"]);
 }
 
-TEST_F(StatisticsStoreTest, ACorruptKeyReadsAsAbsentAndIsOverwritten) {
-  test_.platform->defaults->setObject(kStepsKey, toBytes(R"({"dates2Value": {"x": 1}})"));
+TEST_F(StatisticsStoreTest, FormerMapsMoveIntoRowsWithTheirUploadState) {
+  auto& defaults = *test_.platform->defaults;
+  // The golden map's entry was never uploaded; a second one was uploaded after its change.
+  auto map = golden();
+  auto uploaded = map["dates2Value"]["2001-01-01T00:01:00.000"];
+  uploaded["uploadedAt"] = 90000;
+  uploaded["heartRateSample"]["average"] = 71;
+  map["dates2Value"]["2001-01-01T00:16:00.000"] = uploaded;
+  defaults.setObject("heart-rate-samples", toBytes(map.dump()));
+  defaults.setObject("step-count-samples", toBytes(R"({"dates2Value": {"x": 1}})"));
+
+  auto statistics = store(utc(2000, 1, 1));
+  statistics.migrate();
+  EXPECT_FALSE(defaults.object("heart-rate-samples"));
+  EXPECT_FALSE(defaults.object("step-count-samples"));
+  EXPECT_TRUE(log_->contains("Could not decode object"));
+  EXPECT_EQ(row("heart-rate-samples/2001-01-01T00:01:00.000"),
+            golden()["dates2Value"]["2001-01-01T00:01:00.000"]);
+  EXPECT_EQ(row("heart-rate-samples/2001-01-01T00:16:00.000"), uploaded);
+  const auto samples = newHeartRates(statistics);
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].average, 70.0);
+}
+
+TEST_F(StatisticsStoreTest, ACorruptRowReadsAsAbsentAndIsOverwritten) {
+  test_.platform->defaults->setObject("step-count-samples/" + nineKey_, toBytes(R"({"value": 1})"));
   auto statistics = store();
-  EXPECT_FALSE(statistics.load(kStepsKey));
+  EXPECT_FALSE(statistics.entry(kStepsKey, nineKey_));
   EXPECT_TRUE(log_->contains("Could not decode object"));
   statistics.storeDailyDetailStatistics({quarter(kSteps, nine_, 3)}, type(kSteps));
   EXPECT_EQ(entry(kStepsKey, nineKey_).value, 3.0);
+}
+
+TEST_F(StatisticsStoreTest, FiguresThatAreNotFiniteAreRefusedAndTheKeyStillUploads) {
+  auto statistics = store();
+  const auto nan = std::numeric_limits<double>::quiet_NaN();
+  const auto infinity = std::numeric_limits<double>::infinity();
+  statistics.storeDailyDetailStatistics(
+      {quarter(kSteps, nine_, nan), quarter(kSteps, nine_ + minutes(15), 4)}, type(kSteps));
+  statistics.storeHeartRateStatistics(
+      {heartRate(kHeartRateIdentifier, nine_, nine_ + minutes(15), 70, 60, infinity)});
+  statistics.storeDailySummaryStatistics(
+      {heartRate(kHeartRateIdentifier, utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), nan, 60, 80)});
+  EXPECT_TRUE(log_->contains("is not a finite number"));
+  EXPECT_FALSE(statistics.entry(kStepsKey, nineKey_));
+  EXPECT_TRUE(newHeartRates(statistics).empty());
+  const auto details = newDetails(statistics);
+  ASSERT_EQ(details.size(), 1u);
+  EXPECT_EQ(details[0].stepCount, 4.0);
+  // The day keeps its finite figures only.
+  const auto summaries = newSummaries(statistics);
+  ASSERT_EQ(summaries.size(), 1u);
+  EXPECT_EQ(summaries[0].heartRates.size(), 2u);
 }
 
 TEST_F(StatisticsStoreTest, DetailRecordsCombineTheStoredSumsOfAnInterval) {
@@ -224,7 +333,7 @@ TEST_F(StatisticsStoreTest, DetailRecordsCombineTheStoredSumsOfAnInterval) {
   statistics.storeDailyDetailStatistics({quarter(kHeartRateIdentifier, nine_, 1)},
                                         type(kHeartRateIdentifier));
 
-  auto samples = statistics.dailyDetailSamples();
+  auto samples = newDetails(statistics);
   ASSERT_EQ(samples.size(), 2u);
   EXPECT_EQ(samples[0].startDate, nine_);
   EXPECT_EQ(samples[0].endDate, later);
@@ -234,15 +343,17 @@ TEST_F(StatisticsStoreTest, DetailRecordsCombineTheStoredSumsOfAnInterval) {
   EXPECT_EQ(samples[1].stepCount, 0.0);
   EXPECT_EQ(samples[1].distance, 10.0);
 
-  // Marked, the interval is old; one grown figure behind it makes it new again.
+  // Marked, the intervals are old; one grown figure behind one makes it new again, with all
+  // of its figures.
   test_.clock->advance(seconds(1));
   statistics.markUploaded(samples, test_.clock->now());
   test_.clock->advance(seconds(1));
-  EXPECT_FALSE(statistics.dailyDetailSamples()[0].hasNewData);
+  EXPECT_TRUE(newDetails(statistics).empty());
   statistics.storeDailyDetailStatistics({quarter(kActive, nine_, 31)}, type(kActive));
-  samples = statistics.dailyDetailSamples();
-  EXPECT_TRUE(samples[0].hasNewData);
-  EXPECT_FALSE(samples[1].hasNewData);
+  samples = newDetails(statistics);
+  ASSERT_EQ(samples.size(), 1u);
+  EXPECT_EQ(samples[0].startDate, nine_);
+  EXPECT_EQ(samples[0].distance, 1400.0);
   EXPECT_EQ(samples[0].totalEnergyBurned, 51.0);
 }
 
@@ -261,7 +372,7 @@ TEST_F(StatisticsStoreTest, SummariesCombineADaysFiguresAndHeartRates) {
       heartRate(kRestingHeartRateIdentifier, day, next, 52, 52, 52),
       sum(kSteps, next, next + std::chrono::hours(24), 300),
   });
-  auto summaries = statistics.dailySummaries();
+  auto summaries = newSummaries(statistics);
   ASSERT_EQ(summaries.size(), 2u);
   const auto& first = summaries[0];
   EXPECT_EQ(first.date, "2024-03-01");
@@ -285,11 +396,11 @@ TEST_F(StatisticsStoreTest, SummariesCombineADaysFiguresAndHeartRates) {
   statistics.markUploaded(summaries, test_.clock->now());
   test_.clock->advance(seconds(1));
   statistics.storeDailySummaryStatistics({heartRate(kHeartRateIdentifier, day, next, 70, 48, 150)});
-  EXPECT_FALSE(statistics.dailySummaries()[0].hasNewData);
+  EXPECT_TRUE(newSummaries(statistics).empty());
   statistics.storeDailySummaryStatistics({sum(kSteps, next, next + std::chrono::hours(24), 301)});
-  summaries = statistics.dailySummaries();
-  EXPECT_FALSE(summaries[0].hasNewData);
-  EXPECT_TRUE(summaries[1].hasNewData);
+  summaries = newSummaries(statistics);
+  ASSERT_EQ(summaries.size(), 1u);
+  EXPECT_EQ(summaries[0].date, "2024-03-02");
 }
 
 }  // namespace

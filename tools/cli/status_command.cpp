@@ -78,22 +78,19 @@ struct FamilyCount {
   std::size_t withNewData = 0;
 };
 
-template <class Record>
-FamilyCount countNew(std::string_view family, const std::vector<Record>& records) {
-  FamilyCount count{family, records.size(), 0};
-  for (const auto& record : records) {
-    count.withNewData += record.hasNewData ? 1 : 0;
-  }
-  return count;
-}
-
 // The stored statistics records per family and how many of them wait for an upload. The
 // configured start date is not stored, so every record counts, whatever its date.
 std::vector<FamilyCount> statisticsCounts(const Platform& platform) {
   const StatisticsStore store(platform.defaults, platform.clock, Date::min());
-  return {countNew("heartRateSamples", store.heartRateSamples()),
-          countNew("dailyDetailSamples", store.dailyDetailSamples()),
-          countNew("dailySummaries", store.dailySummaries())};
+  std::vector<FamilyCount> counts;
+  for (const auto& [family, name] :
+       {std::pair{StatisticsFamily::heartRateSamples, "heartRateSamples"},
+        std::pair{StatisticsFamily::dailyDetailSamples, "dailyDetailSamples"},
+        std::pair{StatisticsFamily::dailySummaries, "dailySummaries"}}) {
+    const auto count = store.count(family);
+    counts.push_back({name, count.entries, count.withNewData});
+  }
+  return counts;
 }
 
 nlohmann::json fileJson(const PendingFile& file) {

@@ -22,6 +22,8 @@ constexpr std::string_view kKeysFailed =
     "Defaults store could not list keys with prefix %{public}@: %{public}@";
 constexpr std::string_view kBatchFailed =
     "Defaults store write of %{public}@ keys in one transaction failed: %{public}@";
+constexpr std::string_view kRangeFailed =
+    "Defaults store could not read the keys from %{public}@: %{public}@";
 constexpr std::string_view kUnknownType =
     "Defaults store holds a value of unknown type %{public}@ for %{public}@";
 
@@ -41,6 +43,9 @@ constexpr std::string_view kDeleteSql = "DELETE FROM entries WHERE name = ?1";
 // Binary collation orders keys bytewise, as std::string compares them; the scan stops at the
 // first key past the prefix.
 constexpr std::string_view kKeysFromSql = "SELECT name FROM entries WHERE name >= ?1 ORDER BY name";
+constexpr std::string_view kRangeSql =
+    "SELECT name, type, value FROM entries WHERE name >= ?1 AND name < ?2 ORDER BY name LIMIT ?3";
+constexpr std::string_view kDeleteRangeSql = "DELETE FROM entries WHERE name >= ?1 AND name < ?2";
 
 // Stored type codes; never renumber, they are on disk.
 enum ValueType : std::int64_t { kTypeBlob = 1, kTypeText = 2, kTypeInteger = 3, kTypeReal = 4 };
@@ -94,6 +99,8 @@ class SqliteDefaultsStore final : public DefaultsStore {
     SqliteStatement upsert;
     SqliteStatement remove;
     SqliteStatement keysFrom;
+    SqliteStatement range;
+    SqliteStatement removeRange;
   };
 
   SqliteDefaultsStore(SqliteDatabase database, Statements statements)
@@ -115,30 +122,43 @@ class SqliteDefaultsStore final : public DefaultsStore {
     if (!*row) {
       return std::nullopt;
     }
-    const std::int64_t type = select.columnInt64(0);
-    // Built in place: GCC 12 mistakes the destruction of a moved-from temporary variant for a
-    // free of a stack object (-Wfree-nonheap-object) at -O2.
-    switch (type) {
-      case kTypeBlob:
-        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<Bytes>,
-                                            select.columnBlob(1));
-      case kTypeText:
-        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<std::string>,
-                                            select.columnTextView(1));
-      case kTypeInteger:
-        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<std::int64_t>,
-                                            select.columnInt64(1));
-      case kTypeReal:
-        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<double>,
-                                            select.columnIsNull(1)
-                                                ? std::numeric_limits<double>::quiet_NaN()
-                                                : select.columnDouble(1));
-      default:
-        logError(kLogCategory, kUnknownType, {std::to_string(type), key});
-        return std::nullopt;
-    }
+    return columnValue(select, 0, key);
   }
 
+  std::vector<std::pair<std::string, DefaultsValue>> objects(std::string_view from,
+                                                             std::string_view to,
+                                                             std::size_t limit) const override {
+    std::lock_guard lock(mutex_);
+    std::vector<std::pair<std::string, DefaultsValue>> result;
+    SqliteStatement& range = statements_.range;
+    SqliteResetScope resetScope(range);
+    Status failure = range.bindText(1, from, SqliteCopy::borrow);
+    if (!failure) {
+      failure = range.bindText(2, to, SqliteCopy::borrow);
+    }
+    if (!failure) {
+      // A negative limit is SQLite's "no limit".
+      failure = range.bindInt64(3, limit == 0 ? -1 : static_cast<std::int64_t>(limit));
+    }
+    if (failure) {
+      logError(kLogCategory, kRangeFailed, {from, failure->text()});
+      return {};
+    }
+    for (;;) {
+      Result<bool> row = range.step();
+      if (!row) {
+        logError(kLogCategory, kRangeFailed, {from, row.error().text()});
+        return result;
+      }
+      if (!*row) {
+        return result;
+      }
+      std::string key(range.columnTextView(0));
+      if (auto value = columnValue(range, 1, key)) {
+        result.emplace_back(std::move(key), std::move(*value));
+      }
+    }
+  }
   void setObject(std::string_view key, DefaultsValue value) override {
     std::lock_guard lock(mutex_);
     if (Status failure = write(key, value)) {
@@ -146,38 +166,48 @@ class SqliteDefaultsStore final : public DefaultsStore {
     }
   }
 
-  void setObjects(std::vector<std::pair<std::string, DefaultsValue>> values) override {
-    if (values.empty()) {
+  void update(std::vector<DefaultsChange> changes) override {
+    if (changes.empty()) {
       return;
     }
     std::lock_guard lock(mutex_);
     Result<SqliteTransaction> transaction = database_.begin();
     if (!transaction) {
       logError(kLogCategory, kBatchFailed,
-               {std::to_string(values.size()), transaction.error().text()});
+               {std::to_string(changes.size()), transaction.error().text()});
       return;
     }
-    for (const auto& [key, value] : values) {
-      if (Status failure = write(key, value)) {
+    for (const auto& [key, value] : changes) {
+      if (Status failure = value ? write(key, *value) : remove(key)) {
         logError(kLogCategory, kWriteFailed, {key, failure->text()});
         return;  // The transaction rolls back: none of the batch is kept.
       }
     }
     if (Status failure = transaction.value().commit()) {
-      logError(kLogCategory, kBatchFailed, {std::to_string(values.size()), failure->text()});
+      logError(kLogCategory, kBatchFailed, {std::to_string(changes.size()), failure->text()});
     }
   }
 
   void removeObject(std::string_view key) override {
     std::lock_guard lock(mutex_);
-    SqliteStatement& remove = statements_.remove;
-    SqliteResetScope resetScope(remove);
-    Status failure = remove.bindText(1, key, SqliteCopy::borrow);
+    if (Status failure = remove(key)) {
+      logError(kLogCategory, kRemoveFailed, {key, failure->text()});
+    }
+  }
+
+  void removeObjects(std::string_view from, std::string_view to) override {
+    std::lock_guard lock(mutex_);
+    SqliteStatement& removeRange = statements_.removeRange;
+    SqliteResetScope resetScope(removeRange);
+    Status failure = removeRange.bindText(1, from, SqliteCopy::borrow);
     if (!failure) {
-      failure = remove.run();
+      failure = removeRange.bindText(2, to, SqliteCopy::borrow);
+    }
+    if (!failure) {
+      failure = removeRange.run();
     }
     if (failure) {
-      logError(kLogCategory, kRemoveFailed, {key, failure->text()});
+      logError(kLogCategory, kRemoveFailed, {from, failure->text()});
     }
   }
 
@@ -208,6 +238,43 @@ class SqliteDefaultsStore final : public DefaultsStore {
   }
 
  private:
+  // The value in columns `first` (type) and `first + 1`; none, logged, for an unknown type.
+  static std::optional<DefaultsValue> columnValue(const SqliteStatement& row, int first,
+                                                  std::string_view key) {
+    const std::int64_t type = row.columnInt64(first);
+    // Built in place: GCC 12 mistakes the destruction of a moved-from temporary variant for a
+    // free of a stack object (-Wfree-nonheap-object) at -O2.
+    switch (type) {
+      case kTypeBlob:
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<Bytes>,
+                                            row.columnBlob(first + 1));
+      case kTypeText:
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<std::string>,
+                                            row.columnTextView(first + 1));
+      case kTypeInteger:
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<std::int64_t>,
+                                            row.columnInt64(first + 1));
+      case kTypeReal:
+        return std::optional<DefaultsValue>(std::in_place, std::in_place_type<double>,
+                                            row.columnIsNull(first + 1)
+                                                ? std::numeric_limits<double>::quiet_NaN()
+                                                : row.columnDouble(first + 1));
+      default:
+        logError(kLogCategory, kUnknownType, {std::to_string(type), key});
+        return std::nullopt;
+    }
+  }
+
+  // Requires mutex_.
+  Status remove(std::string_view key) {
+    SqliteStatement& statement = statements_.remove;
+    SqliteResetScope resetScope(statement);
+    if (Status failure = statement.bindText(1, key, SqliteCopy::borrow)) {
+      return failure;
+    }
+    return statement.run();
+  }
+
   // Requires mutex_.
   Status write(std::string_view key, const DefaultsValue& value) {
     SqliteStatement& upsert = statements_.upsert;
@@ -242,10 +309,9 @@ Result<std::shared_ptr<DefaultsStore>> openSqliteDefaultsStore(const std::filesy
   }
   SqliteDefaultsStore::Statements statements;
   const std::pair<SqliteStatement*, std::string_view> toPrepare[] = {
-      {&statements.select, kSelectSql},
-      {&statements.upsert, kUpsertSql},
-      {&statements.remove, kDeleteSql},
-      {&statements.keysFrom, kKeysFromSql},
+      {&statements.select, kSelectSql}, {&statements.upsert, kUpsertSql},
+      {&statements.remove, kDeleteSql}, {&statements.keysFrom, kKeysFromSql},
+      {&statements.range, kRangeSql},   {&statements.removeRange, kDeleteRangeSql},
   };
   for (const auto& [statement, sql] : toPrepare) {
     Result<SqliteStatement> prepared = database.value().prepare(sql, /*persistent=*/true);
