@@ -199,7 +199,7 @@ class UploadNetworkTest : public ::testing::Test {
     FileNameComponents name{std::move(sampleId), std::move(profileId), utc(2024, 3, 1, 8)};
     const auto url = api_->fileServer().fileURL(name, bulk);
     EXPECT_TRUE(url);
-    EXPECT_FALSE(test_.platform->files->writeFileAtomically(*url, toBytes(contents)));
+    EXPECT_FALSE(test_.platform->files->createFileAtomically(*url, toBytes(contents)));
     return name;
   }
   bool exists(const FileNameComponents& name, bool bulk) const {

@@ -134,7 +134,7 @@ TEST(HostileInput, CorruptDefaultsDatabaseIsMovedAsideAndNothingElseIsLost) {
     TokenStore(test.platform->secureStore, test.platform->applicationIdentifier).takeToken(token);
     ProfileStore(test.platform->defaults).store(Profile{"p1"});
     ASSERT_FALSE(test.platform->files->createDirectories(upload.parent_path()));
-    ASSERT_FALSE(test.platform->files->writeFileAtomically(upload, toBytes("[1]")));
+    ASSERT_FALSE(test.platform->files->createFileAtomically(upload, toBytes("[1]")));
     installPlatform(nullptr);
   }
   std::string garbage(64 * 1024, '\0');
@@ -174,11 +174,11 @@ class FullDisk final : public FileSystem {
 
   Result<fs::path> documentsDirectory() const override { return disk_->documentsDirectory(); }
   Status createDirectories(const fs::path& path) override { return disk_->createDirectories(path); }
-  Status writeFileAtomically(const fs::path& path, const Bytes& data) override {
+  Status createFileAtomically(const fs::path& path, const Bytes& data) override {
     if (full) {
       return posixError(ENOSPC, "Cannot write", path);
     }
-    return disk_->writeFileAtomically(path, data);
+    return disk_->createFileAtomically(path, data);
   }
   Result<Bytes> readFile(const fs::path& path) const override { return disk_->readFile(path); }
   Status removeFile(const fs::path& path) override { return disk_->removeFile(path); }
