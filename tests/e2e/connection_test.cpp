@@ -280,7 +280,7 @@ TEST_F(ConnectionTest, ReconnectRestartAndDisconnect) {
   EXPECT_FALSE(anchors.storedAnchor("HKQuantityTypeIdentifierBodyMass"));
   EXPECT_FALSE(anchors.storedAnchor("HKWorkoutTypeIdentifier"));
   TokenStore tokens(platform_->secureStore, platform_->applicationIdentifier);
-  EXPECT_EQ(tokens.tokenForProfile("p2"), server_->tokenFor("p2"));
+  EXPECT_EQ(tokens.tokenForProfile("p2").value(), server_->tokenFor("p2"));
 }
 
 TEST_F(ConnectionTest, FailuresOfEveryKind) {

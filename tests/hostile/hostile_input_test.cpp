@@ -85,7 +85,7 @@ TEST(HostileInput, RefusedTokensAndUrlsLeaveTheConnectionAsItWas) {
     EXPECT_EQ(error->code(), hostile.expected) << hostile.url;
     EXPECT_EQ(Kestrova::currentStatus(),
               (Kestrova::Status{Kestrova::Status::Case::connected, "p1"}));
-    EXPECT_EQ(tokens.tokenForProfile("p1"), accepted);
+    EXPECT_EQ(tokens.tokenForProfile("p1").value(), accepted);
   }
   installPlatform(nullptr);
   resetSharedInstanceForTesting();
@@ -159,7 +159,7 @@ TEST(HostileInput, CorruptDefaultsDatabaseIsMovedAsideAndNothingElseIsLost) {
   profiles.store(Profile{"p2"});
   EXPECT_EQ(profiles.storedProfile()->id, "p2");
   TokenStore tokens(test.platform->secureStore, test.platform->applicationIdentifier);
-  EXPECT_EQ(tokens.tokenForProfile("p1"), token);
+  EXPECT_EQ(tokens.tokenForProfile("p1").value(), token);
   EXPECT_EQ(readText(upload), "[1]");
   log->uninstall();
   installPlatform(nullptr);
