@@ -475,8 +475,19 @@ TEST_F(UploadNetworkTest, RefusedProfileCancelsWhatWaitsAndKeepsTheQueueHeld) {
   EXPECT_TRUE(api_->apiQueue()->isSuspended());
 
   // What waited was cancelled and is never sent, also when more comes.
-  api_->upload(putFile("after", true), true);
+  const auto after = putFile("after", true);
+  api_->upload(after, true);
   EXPECT_TRUE(staysTrue([&] { return server_.count("/api/v1.3/ingest/") == 0; }));
+  EXPECT_TRUE(exists(file, true));
+
+  // A later validation that succeeds releases the queue: the cancelled upload leaves it
+  // without running or holding its slot, and what came after it, or comes later, is sent.
+  ASSERT_TRUE(validate("p1").get().success);
+  const auto later = putFile("later", true);
+  api_->upload(later, true);
+  ASSERT_TRUE(eventually([&] { return logged(uploaded(after)) && logged(uploaded(later)); }));
+  EXPECT_TRUE(eventually([&] { return api_->apiQueue()->operationCount() == 0; }));
+  EXPECT_EQ(server_.count("/api/v1.3/ingest/"), 2u);
   EXPECT_TRUE(exists(file, true));
 }
 
