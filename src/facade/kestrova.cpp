@@ -133,7 +133,9 @@ class Instance : public std::enable_shared_from_this<Instance> {
  private:
   static std::shared_ptr<HealthStore> openHealthStore(const Platform& platform) {
     if (platform.healthStore) {
-      return platform.healthStore;
+      // The host's store stands for the platform's: on a device without health data there is
+      // none to use.
+      return platform.healthStore->isHealthDataAvailable() ? platform.healthStore : nullptr;
     }
     EmbeddedHealthStoreOptions options;
     options.path = platform.dataDirectory / kHealthStoreFile;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "e2e/library_harness.h"
@@ -51,14 +52,23 @@ SamplePtr category(std::string_view identifier, int value, Date start, Date end)
       .value();
 }
 
-// Lets every call through but the authorisation request, which fails as a store can.
-class RefusingAuthorization : public HealthStore {
+// A host's own store in front of the embedded one: it lets every call through, but can refuse
+// the authorisation request, as a store can, or say that the device has no health data.
+class HostStore : public HealthStore {
  public:
-  explicit RefusingAuthorization(std::shared_ptr<HealthStore> store) : store_(std::move(store)) {}
-  bool isHealthDataAvailable() const override { return store_->isHealthDataAvailable(); }
-  void requestAuthorization(std::set<ObjectType>, std::set<ObjectType>,
+  enum class Mode { refusingAuthorization, withoutHealthData };
+  HostStore(std::shared_ptr<HealthStore> store, Mode mode)
+      : store_(std::move(store)), mode_(mode) {}
+  bool isHealthDataAvailable() const override {
+    return mode_ != Mode::withoutHealthData && store_->isHealthDataAvailable();
+  }
+  void requestAuthorization(std::set<ObjectType> share, std::set<ObjectType> read,
                             HealthStoreCompletion completion) override {
-    completion(false, Error{"HealthStore", 5, "Authorization not determined"});
+    if (mode_ == Mode::refusingAuthorization) {
+      completion(false, Error{"HealthStore", 5, "Authorization not determined"});
+      return;
+    }
+    store_->requestAuthorization(std::move(share), std::move(read), std::move(completion));
   }
   void executeQuery(std::shared_ptr<Query> query) override { store_->executeQuery(query); }
   void stopQuery(const std::shared_ptr<Query>& query) override { store_->stopQuery(query); }
@@ -75,6 +85,7 @@ class RefusingAuthorization : public HealthStore {
 
  private:
   std::shared_ptr<HealthStore> store_;
+  const Mode mode_;
 };
 
 class ConnectionTest : public ::testing::Test {
@@ -95,11 +106,14 @@ class ConnectionTest : public ::testing::Test {
   }
 
   // A new process on the same data directory: new platform, new store object, new instance.
-  void restart(bool refuseAuthorization = false) {
-    testing::StoreWrapper refusing = [](std::shared_ptr<HealthStore> store) {
-      return std::make_shared<RefusingAuthorization>(std::move(store));
-    };
-    auto process = testing::startLibrary(dir_.path(), refuseAuthorization ? refusing : nullptr);
+  void restart(std::optional<HostStore::Mode> hostStore = std::nullopt) {
+    testing::StoreWrapper wrap;
+    if (hostStore) {
+      wrap = [mode = *hostStore](std::shared_ptr<HealthStore> store) {
+        return std::make_shared<HostStore>(std::move(store), mode);
+      };
+    }
+    auto process = testing::startLibrary(dir_.path(), wrap);
     ASSERT_TRUE(process.platform);
     store_ = std::move(process.store);
     platform_ = std::move(process.platform);
@@ -316,7 +330,7 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
   EXPECT_EQ(Kestrova::currentStatus().value, Kestrova::Status::Case::disconnected);
 
   // A store that refuses the authorisation request.
-  restart(/*refuseAuthorization=*/true);
+  restart(HostStore::Mode::refusingAuthorization);
   ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
   const auto refused = connectAndWait();
   EXPECT_FALSE(refused.first);
@@ -329,4 +343,17 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
 }
 
 }  // namespace
+
+  // A host's store on a device without health data is no store: connect fails before any
+  // authorisation request, and disconnect leaves the connected profile alone.
+  restart();
+  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
+  ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
+  restart(HostStore::Mode::withoutHealthData);
+  EXPECT_FALSE(Kestrova::canConnectToHealthData());
+  EXPECT_TRUE(log_->contains("HealthKit is not available"));
+  ASSERT_EQ(configureAndWait(config("p2")), Outcome(true, std::nullopt));
+  EXPECT_EQ(connectAndWait(), Outcome(false, KestrovaHealthKitError::HealthKitStoreNotAvailable()));
+  Kestrova::disconnect();
+  EXPECT_EQ(Kestrova::connectedProfileId(), "p1");
 }  // namespace kestrova
