@@ -102,12 +102,15 @@ class Instance : public std::enable_shared_from_this<Instance> {
     kestrova::startStatisticsQueries(context, types);
   }
 
+  // Samples belong to the connected profile, as its statistics do: a token of another profile
+  // that was configured since takes over only once that profile connects.
   std::optional<SampleCollector::Settings> collectionSettings() const {
+    const auto profile = profiles.storedProfile();
     std::lock_guard lock(mutex);
-    if (!token || !token->profileId || !startDate || !api) {
+    if (!profile || !startDate || !api) {
       return std::nullopt;
     }
-    SampleCollector::Settings settings{*startDate, *token->profileId, {}, *api};
+    SampleCollector::Settings settings{*startDate, profile->id, {}, *api};
     for (auto type : enabledDatatypes) {
       if (auto object = objectType(type, platform->systemVersion)) {
         settings.enabledTypes.emplace(object->identifier());

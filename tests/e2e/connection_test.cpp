@@ -277,13 +277,16 @@ TEST_F(ConnectionTest, ReconnectRestartAndDisconnect) {
   ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   restart();
   EXPECT_EQ(Kestrova::connectedProfileId(), "p1");
-  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
-  saveEveryFamily(utc(2024, 4, 1, 8));
-  EXPECT_EQ(waitForSchemas("p1", {{"body-weight", 1}})["body-weight"].size(), 1u);
-
-  // Another profile: the first is disconnected first (its anchors go), then the new one is
-  // stored.
+  // Configured with another profile's token, collection resumes for the connected profile:
+  // its samples and its statistics go to p1, nothing to p2 until p2 connects.
   ASSERT_EQ(configureAndWait(config("p2")), Outcome(true, std::nullopt));
+  saveEveryFamily(utc(2024, 4, 1, 8));
+  auto bySchema = waitForSchemas("p1", {{"body-weight", 1}, {"ks-heart-rate-sample", 1}});
+  EXPECT_EQ(bySchema["body-weight"].size(), 1u);
+  EXPECT_FALSE(bySchema["ks-heart-rate-sample"].empty());
+  EXPECT_TRUE(server_->dataPoints("p2").empty());
+
+  // Connecting that profile disconnects the first (its anchors go), then stores the new one.
   ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   EXPECT_TRUE(log_->contains("Profile p1 has been disconnected"));
   EXPECT_EQ(Kestrova::connectedProfileId(), "p2");
@@ -340,9 +343,6 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
             "Optional(Error Domain=HealthStore Code=5 \"Authorization not determined\")");
   EXPECT_EQ(Kestrova::currentStatus().value, Kestrova::Status::Case::disconnected);
   EXPECT_FALSE(Kestrova::statusCodeFromRawValue(3));
-}
-
-}  // namespace
 
   // A host's store on a device without health data is no store: connect fails before any
   // authorisation request, and disconnect leaves the connected profile alone.
@@ -356,4 +356,7 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
   EXPECT_EQ(connectAndWait(), Outcome(false, KestrovaHealthKitError::HealthKitStoreNotAvailable()));
   Kestrova::disconnect();
   EXPECT_EQ(Kestrova::connectedProfileId(), "p1");
+}
+
+}  // namespace
 }  // namespace kestrova
