@@ -69,8 +69,8 @@ Figures sweep(const API& api, const Platform& platform, int count, size_t bytes,
                             Date(std::chrono::milliseconds(1'700'000'000'000LL + file))};
     const std::string body = batch(bytes, file);
     figures.bytesEach = body.size();
-    if (auto failed = platform.files->writeFileAtomically(*api.fileServer().fileURL(name, true),
-                                                          toBytes(body))) {
+    if (auto failed = platform.files->createFileAtomically(*api.fileServer().fileURL(name, true),
+                                                           toBytes(body))) {
       std::fprintf(stderr, "cannot write an upload file: %s\n", failed->text().c_str());
       std::exit(1);
     }

@@ -68,17 +68,19 @@ Result<URLRequest> buildRequest(const URLRequestInfo& info, const URLComponents&
   request.httpMethod = std::string(rawValue(info.httpMethod));
   request.addValue(std::string(kJsonContentType), std::string(kContentTypeHeader));
 
-  std::optional<std::string> bearer;
-  if (token) {
-    bearer = tokenStore.tokenForProfile(token->profileId);
-  } else if (info.fileName) {
-    bearer = tokenStore.tokenForProfile(info.fileName->profileId);
+  if (token || info.fileName) {
+    auto bearer = tokenStore.tokenForProfile(token ? token->profileId : info.fileName->profileId);
+    // A secure store that fails is no answer about the token: the request is not sent, so an
+    // upload keeps its file for the next sweep rather than treating its profile as gone.
     if (!bearer) {
+      return bearer.error();
+    }
+    if (!token && !bearer->has_value()) {
       return kestrovaError(KestrovaHealthKitError::noTokenAvailableFor(info.fileName->profileId));
     }
-  }
-  if (bearer) {
-    request.addValue(std::string(kBearerPrefix) + *bearer, std::string(kAuthorizationHeader));
+    if (bearer->has_value()) {
+      request.addValue(std::string(kBearerPrefix) + **bearer, std::string(kAuthorizationHeader));
+    }
   }
 
   if (info.extraHeaders) {

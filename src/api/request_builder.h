@@ -29,9 +29,10 @@ inline constexpr std::string_view kRedactedBearer = "Bearer <redacted>";
 std::optional<std::string> composeURL(const URLComponents& base, const URLRequestInfo& info);
 
 // The request an operation sends. Errors: the URL error badURL when no URL can be composed,
-// cannotOpenFile when the upload file cannot be read (or was not JSON), and
+// cannotOpenFile when the upload file cannot be read (or was not JSON),
 // noTokenAvailableFor(profile id) (see kestrovaError) when a file names a profile without a
-// stored token and the operation carries no token of its own.
+// stored token and the operation carries no token of its own, and the secure store's error
+// when the token lookup fails.
 Result<URLRequest> buildRequest(const URLRequestInfo& info, const URLComponents& base,
                                 const std::optional<Token>& token, FileServer& fileServer,
                                 const TokenStore& tokenStore);

@@ -111,12 +111,15 @@ class Instance : public std::enable_shared_from_this<Instance> {
                                     platform->timeZone->current()};
   }
 
+  // Samples belong to the connected profile, as its statistics do: a token of another profile
+  // that was configured since takes over only once that profile connects.
   std::optional<SampleCollector::Settings> collectionSettings() const {
+    const auto profile = profiles.storedProfile();
     std::lock_guard lock(mutex);
-    if (!token || !token->profileId || !startDate || !api) {
+    if (!profile || !startDate || !api) {
       return std::nullopt;
     }
-    SampleCollector::Settings settings{*startDate, *token->profileId, {}, *api};
+    SampleCollector::Settings settings{*startDate, profile->id, {}, *api};
     for (auto type : enabledDatatypes) {
       if (auto object = objectType(type, platform->systemVersion)) {
         settings.enabledTypes.emplace(object->identifier());
@@ -143,7 +146,9 @@ class Instance : public std::enable_shared_from_this<Instance> {
  private:
   static std::shared_ptr<HealthStore> openHealthStore(const Platform& platform) {
     if (platform.healthStore) {
-      return platform.healthStore;
+      // The host's store stands for the platform's: on a device without health data there is
+      // none to use.
+      return platform.healthStore->isHealthDataAvailable() ? platform.healthStore : nullptr;
     }
     EmbeddedHealthStoreOptions options;
     options.path = platform.dataDirectory / kHealthStoreFile;

@@ -19,10 +19,10 @@ class FileSystem {
   virtual Result<std::filesystem::path> documentsDirectory() const = 0;
   // Creates the directory and any missing parent; an existing directory is no error.
   virtual Status createDirectories(const std::filesystem::path& path) = 0;
-  // Replaces the file's contents as a whole: the bytes go to a hidden temporary file in the same
-  // directory that is renamed over the target, so a reader or a crash sees the old file or the
-  // new one, never a part.
-  virtual Status writeFileAtomically(const std::filesystem::path& path, const Bytes& data) = 0;
+  // Makes a new file as a whole: the bytes go to a hidden temporary file in the same directory
+  // that then takes the name, so a reader or a crash sees the whole file or none. A file that
+  // has the name already is never replaced: that failure is one isNameTaken recognises.
+  virtual Status createFileAtomically(const std::filesystem::path& path, const Bytes& data) = 0;
   virtual Result<Bytes> readFile(const std::filesystem::path& path) const = 0;
   virtual Status removeFile(const std::filesystem::path& path) = 0;
   // The names in a directory, without hidden names (those that begin with "."), in the
@@ -40,6 +40,9 @@ class FileSystem {
     return std::vector<std::string>{};
   }
 };
+
+// True for the failure of createFileAtomically whose target existed already.
+bool isNameTaken(const Error& error);
 
 // Files on the local disk, with `root` as the documents directory.
 std::shared_ptr<FileSystem> makeLocalFileSystem(std::filesystem::path root);

@@ -186,7 +186,16 @@ void OperationQueue::startReadyOperations() {
     }
   }
   for (auto& operation : starting) {
-    queue_->async([operation = std::move(operation)] { operation->start(); });
+    queue_->async([weak = weak_from_this(), operation = std::move(operation)] {
+      operation->start();
+      // NOTE: an operation cancelled before its start may do nothing at all, and would hold
+      // its slot for ever; whatever it announces later finds it gone and changes nothing.
+      if (operation->isCancelled() && !operation->isExecuting() && !operation->isFinished()) {
+        if (const auto self = weak.lock()) {
+          self->removeOperation(*operation);
+        }
+      }
+    });
   }
 }
 
@@ -194,6 +203,10 @@ void OperationQueue::operationChanged(Operation& operation, std::string_view key
   if (key != Operation::kIsFinishedKey || !operation.isFinished()) {
     return;
   }
+  removeOperation(operation);
+}
+
+void OperationQueue::removeOperation(const Operation& operation) {
   // Released after the lock: the operation's destructor is not ours to run under it.
   std::shared_ptr<Operation> removed;
   {

@@ -76,7 +76,9 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
   void setSuspended(bool suspended);
   bool isSuspended() const;
   // Cancels every operation in the queue; the queue still starts them (the platform's rule),
-  // and each operation decides what a start of a cancelled operation does.
+  // and each operation decides what a start of a cancelled operation does. One that neither
+  // runs nor reports finished on that start leaves the queue all the same, so that it never
+  // holds a slot.
   void cancelAllOperations();
   // Operations added and not yet finished.
   std::size_t operationCount() const;
@@ -86,6 +88,8 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
                  int maxConcurrent);
   void startReadyOperations();
   void operationChanged(Operation& operation, std::string_view key);
+  // Takes a finished (or declined) operation out of the queue and starts what may run next.
+  void removeOperation(const Operation& operation);
 
   const std::string name_;
   const QualityOfService qos_;

@@ -75,9 +75,13 @@ struct URLSessionConfiguration {
   // Requests beyond this many to one scheme, host and port wait, in the order they were
   // resumed, for a connection to come free; connections are kept alive and reused.
   int httpMaximumConnectionsPerHost = 1;
-  // Limit of one request from the moment it gets its connection (time spent waiting for one
-  // does not count) to the end of the response; reported as timedOut.
+  // How long a request may go without moving a byte either way, once it has its connection
+  // (time spent waiting for one does not count), and how long connecting may take; reported
+  // as timedOut. A slow but steady upload is never cut short by it.
   std::chrono::milliseconds timeoutIntervalForRequest{60'000};
+  // Limit of one request as a whole, from the moment it gets its connection to the end of the
+  // response, however steadily it moves; reported as timedOut.
+  std::chrono::milliseconds timeoutIntervalForResource{3'600'000};
 };
 
 class URLSession {

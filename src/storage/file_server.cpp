@@ -1,7 +1,7 @@
 #include "storage/file_server.h"
 
-#include <map>
-#include <mutex>
+#include <atomic>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 
 #include "facade/formatters.h"
@@ -60,10 +60,16 @@ std::optional<fs::path> uploadFile(FileSystem& files, const FileNameComponents& 
   return *directory / components.fileName();
 }
 
-struct BatchNames {
-  std::mutex mutex;                                                      // owns last
-  std::map<std::string, std::pair<std::string, int>, std::less<>> last;  // prefix -> (time, n)
-};
+// How often a write looks for a free name before it counts as failed.
+constexpr int kMaximumNameAttempts = 8;
+
+// "-" and the next number of the name sequence: one counter for the process (an atomic is its
+// own owner), so names made on different queues, or with a clock that went back, never meet.
+void appendSequenceNumber(std::string& sampleId) {
+  static std::atomic<std::uint64_t> sequence{0};
+  sampleId += '-';
+  sampleId += std::to_string(sequence.fetch_add(1) + 1);
+}
 
 }  // namespace
 
@@ -119,18 +125,30 @@ void FileServer::write(Bytes data, FileNameComponents components, bool bulk,
                        WriteCompletion completion) {
   writeQueue_->async([files = files_, data = std::move(data), components = std::move(components),
                       bulk, completion = std::move(completion)]() mutable {
-    const auto url = uploadFile(*files, components, bulk);
-    if (!url) {
-      completion(std::nullopt);
-      return;
+    // NOTE: a name can still be taken: by another process on the same directory, or by a file
+    // of an earlier run when the clock was set back. Replacing it would lose a pending file
+    // whose anchor has moved on.
+    auto written = components;
+    for (int attempt = 1;; ++attempt) {
+      const auto url = uploadFile(*files, written, bulk);
+      if (!url) {
+        completion(std::nullopt);
+        return;
+      }
+      auto error = files->createFileAtomically(*url, data);
+      if (!error) {
+        logInfo(kCategory, kWritten, {url->string()});
+        completion(std::move(written));
+        return;
+      }
+      if (!isNameTaken(*error) || attempt == kMaximumNameAttempts) {
+        logError(kCategory, kWriteFailed, {error->text()});
+        completion(std::nullopt);
+        return;
+      }
+      written.sampleId = components.sampleId;
+      appendSequenceNumber(written.sampleId);
     }
-    if (auto error = files->writeFileAtomically(*url, data)) {
-      logError(kCategory, kWriteFailed, {error->text()});
-      completion(std::nullopt);
-      return;
-    }
-    logInfo(kCategory, kWritten, {url->string()});
-    completion(std::move(components));
   });
 }
 
@@ -229,21 +247,9 @@ void FileServer::removeUnfinishedWrites() const {
 
 FileNameComponents FileServer::makeBatchComponents(std::string_view prefix, std::string profileId,
                                                    Date now) {
-  static auto* names = new BatchNames();
-  auto time = timestampString(now);
   std::string sampleId(prefix);
-  sampleId += time;
-  {
-    std::lock_guard lock(names->mutex);
-    auto& [lastTime, repeats] = names->last[std::string(prefix)];
-    if (lastTime == time) {
-      sampleId += '-';
-      sampleId += std::to_string(++repeats);
-    } else {
-      lastTime = std::move(time);
-      repeats = 0;
-    }
-  }
+  sampleId += timestampString(now);
+  appendSequenceNumber(sampleId);
   return FileNameComponents{std::move(sampleId), std::move(profileId), now};
 }
 

@@ -52,7 +52,9 @@ class FileServer {
                                                bool bulk) const;
 
   // Writes the whole file on the write queue; the completion runs there, with the components
-  // on success and none on failure.
+  // on success and none on failure. A pending file is never replaced: when the name is taken,
+  // the file is written under the sample id with a number of the name sequence added, and the
+  // completion receives those components.
   void write(Bytes data, FileNameComponents components, bool bulk, WriteCompletion completion);
   // Writes, and tries again up to three attempts in all; `done` runs once on the write queue,
   // with the components when the file is complete, or with none when the last attempt failed
@@ -70,9 +72,9 @@ class FileServer {
   // temporary file, and so that write attempt; its retry writes the file again.
   void removeUnfinishedWrites() const;
 
-  // Components for a batch of one family: the sample id is `prefix` followed by the GMT
-  // timestamp of `now`; a second batch of the same prefix in the same millisecond gets a
-  // "-<n>" suffix, so that it never replaces the first.
+  // Components for a batch of one family: the sample id is `prefix`, the GMT timestamp of
+  // `now`, "-" and the next number of the process's name sequence, so that no two batches get
+  // the same name, whatever the wall clock does.
   FileNameComponents makeBatchComponents(std::string_view prefix, std::string profileId, Date now);
 
  private:

@@ -196,7 +196,9 @@ std::optional<std::string> TokenStore::takeToken(std::string_view token) {
 void TokenStore::saveToken(std::string_view token, const std::optional<std::string>& profileId) {
   const auto accountName = account(profileId);
   const Bytes data = toBytes(token);
-  if (tokenForProfile(profileId)) {
+  // An item that cannot be read is there all the same: updating it repairs a damaged value,
+  // where adding would only be refused as a duplicate.
+  if (const auto stored = tokenForProfile(profileId); !stored || *stored) {
     if (const auto status = secureStore_->update(service_, accountName, data);
         status != errSecSuccess) {
       logError(kCategory, kUpdateFailed, {accountName, statusText(status)});
@@ -209,24 +211,25 @@ void TokenStore::saveToken(std::string_view token, const std::optional<std::stri
   }
 }
 
-std::optional<std::string> TokenStore::tokenForProfile(
+Result<std::optional<std::string>> TokenStore::tokenForProfile(
     const std::optional<std::string>& profileId) const {
   const auto accountName = account(profileId);
   SecureItem item;
   const auto status = secureStore_->copyMatching(service_, accountName, item);
   if (status == errSecItemNotFound) {
-    return std::nullopt;
+    return std::optional<std::string>();
   }
   if (status != errSecSuccess) {
-    logError(kCategory, kLookupFailed, {accountName, statusText(status)});
-    return std::nullopt;
+    const auto text = statusText(status);
+    logError(kCategory, kLookupFailed, {accountName, text});
+    return Error{std::string(kKeychainErrorDomain), status, text};
   }
   auto token = toString(item.data);
   if (!isValidUtf8(token)) {
     logError(kCategory, kExtractionFailed, {accountName});
-    return std::nullopt;
+    return Error{std::string(kKeychainErrorDomain), errSecDecode, statusText(errSecDecode)};
   }
-  return token;
+  return std::optional<std::string>(std::move(token));
 }
 
 }  // namespace kestrova

@@ -31,6 +31,8 @@ inline constexpr std::size_t kMaximumProfileIdLength = 128;
 // containing "/", "\", "---" or a control character.
 bool isUsableProfileId(std::string_view profileId);
 
+inline constexpr std::string_view kKeychainErrorDomain = "NSOSStatusErrorDomain";
+
 class TokenStore {
  public:
   // The keychain service is `applicationIdentifier` followed by ".Kestrova".
@@ -39,7 +41,12 @@ class TokenStore {
   // Parses the token and, when it is usable, saves it; the profile id on success.
   std::optional<std::string> takeToken(std::string_view token);
   void saveToken(std::string_view token, const std::optional<std::string>& profileId);
-  std::optional<std::string> tokenForProfile(const std::optional<std::string>& profileId) const;
+  // The stored token; none only when the secure store has no item for the profile
+  // (errSecItemNotFound). Any other failure (a busy or broken store, a stored value that is
+  // not text) is logged and returned as an error in kKeychainErrorDomain with the status, for
+  // it says nothing about whether the profile still has a token.
+  Result<std::optional<std::string>> tokenForProfile(
+      const std::optional<std::string>& profileId) const;
 
   const std::string& service() const { return service_; }
   static std::string account(const std::optional<std::string>& profileId);

@@ -79,7 +79,7 @@ class RequestBuildingTest : public ::testing::Test {
   void putFile(const FileNameComponents& name, bool bulk, std::string_view contents) {
     const auto url = files_->fileURL(name, bulk);
     ASSERT_TRUE(url);
-    ASSERT_FALSE(test_.platform->files->writeFileAtomically(*url, toBytes(contents)));
+    ASSERT_FALSE(test_.platform->files->createFileAtomically(*url, toBytes(contents)));
   }
   bool fileExists(const FileNameComponents& name, bool bulk) {
     const auto url = files_->fileURL(name, bulk);

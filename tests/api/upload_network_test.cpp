@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <future>
@@ -160,6 +161,31 @@ class TestBackEnd {
   bool stopping_ = false;
 };
 
+// The real secure store, with lookups that fail with `lookupStatus` while it is set.
+class FlakySecureStore : public SecureStore {
+ public:
+  explicit FlakySecureStore(std::shared_ptr<SecureStore> store) : store_(std::move(store)) {}
+  OSStatus copyMatching(std::string_view service, std::string_view account,
+                        SecureItem& result) const override {
+    if (const OSStatus status = lookupStatus.load(); status != errSecSuccess) {
+      return status;
+    }
+    return store_->copyMatching(service, account, result);
+  }
+  OSStatus add(const SecureItem& item) override { return store_->add(item); }
+  OSStatus update(std::string_view service, std::string_view account, const Bytes& data) override {
+    return store_->update(service, account, data);
+  }
+  OSStatus remove(std::string_view service, std::string_view account) override {
+    return store_->remove(service, account);
+  }
+
+  std::atomic<OSStatus> lookupStatus{errSecSuccess};
+
+ private:
+  const std::shared_ptr<SecureStore> store_;
+};
+
 struct ProfileOutcome {
   bool success = false;
   std::optional<KestrovaHealthKitError> error;
@@ -199,7 +225,7 @@ class UploadNetworkTest : public ::testing::Test {
     FileNameComponents name{std::move(sampleId), std::move(profileId), utc(2024, 3, 1, 8)};
     const auto url = api_->fileServer().fileURL(name, bulk);
     EXPECT_TRUE(url);
-    EXPECT_FALSE(test_.platform->files->writeFileAtomically(*url, toBytes(contents)));
+    EXPECT_FALSE(test_.platform->files->createFileAtomically(*url, toBytes(contents)));
     return name;
   }
   bool exists(const FileNameComponents& name, bool bulk) const {
@@ -316,6 +342,33 @@ TEST_F(UploadNetworkTest, FilesThatCannotBeSentAreDeletedWithoutAnyRequest) {
   EXPECT_TRUE(server_.received().empty());
 }
 
+TEST_F(UploadNetworkTest, SecureStoreFailureKeepsTheFileForTheNextSweep) {
+  auto platform = std::make_shared<Platform>(*test_.platform);
+  auto keychain = std::make_shared<FlakySecureStore>(test_.platform->secureStore);
+  platform->secureStore = keychain;
+  api_->session()->invalidateAndCancel();
+  api_ = std::make_unique<API>(*URLComponents::parse(server_.baseURL()), *platform);
+
+  // A busy or broken keychain is not a profile without a token: nothing is sent or deleted.
+  for (const OSStatus status : {errSecInteractionNotAllowed, errSecIO, errSecDecode}) {
+    log_->clear();
+    keychain->lookupStatus = status;
+    const auto file = putFile("keychain" + std::to_string(status), true);
+    api_->upload(file, true);
+    ASSERT_TRUE(eventually([&] { return logged("Error executing upload request: "); })) << status;
+    EXPECT_TRUE(logged("Error keychain token lookup for User+p1 with error: ")) << status;
+    EXPECT_FALSE(logged("going to delete file")) << status;
+    EXPECT_TRUE(exists(file, true)) << status;
+  }
+  EXPECT_TRUE(server_.received().empty());
+
+  // Once the keychain answers, the next sweep sends them all.
+  keychain->lookupStatus = errSecSuccess;
+  api_->uploadPending();
+  ASSERT_TRUE(eventually([&] { return server_.count("/api/v1.3/ingest/bulk/") == 3; }));
+  EXPECT_TRUE(eventually([&] { return api_->fileServer().list(true).empty(); }));
+}
+
 TEST_F(UploadNetworkTest, SweepSendsSingleFilesFirstAndEmptyDirectoriesNothing) {
   api_->uploadPending();
   EXPECT_EQ(api_->apiQueue()->operationCount(), 0u);
@@ -422,8 +475,19 @@ TEST_F(UploadNetworkTest, RefusedProfileCancelsWhatWaitsAndKeepsTheQueueHeld) {
   EXPECT_TRUE(api_->apiQueue()->isSuspended());
 
   // What waited was cancelled and is never sent, also when more comes.
-  api_->upload(putFile("after", true), true);
+  const auto after = putFile("after", true);
+  api_->upload(after, true);
   EXPECT_TRUE(staysTrue([&] { return server_.count("/api/v1.3/ingest/") == 0; }));
+  EXPECT_TRUE(exists(file, true));
+
+  // A later validation that succeeds releases the queue: the cancelled upload leaves it
+  // without running or holding its slot, and what came after it, or comes later, is sent.
+  ASSERT_TRUE(validate("p1").get().success);
+  const auto later = putFile("later", true);
+  api_->upload(later, true);
+  ASSERT_TRUE(eventually([&] { return logged(uploaded(after)) && logged(uploaded(later)); }));
+  EXPECT_TRUE(eventually([&] { return api_->apiQueue()->operationCount() == 0; }));
+  EXPECT_EQ(server_.count("/api/v1.3/ingest/"), 2u);
   EXPECT_TRUE(exists(file, true));
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "e2e/library_harness.h"
@@ -51,14 +52,23 @@ SamplePtr category(std::string_view identifier, int value, Date start, Date end)
       .value();
 }
 
-// Lets every call through but the authorisation request, which fails as a store can.
-class RefusingAuthorization : public HealthStore {
+// A host's own store in front of the embedded one: it lets every call through, but can refuse
+// the authorisation request, as a store can, or say that the device has no health data.
+class HostStore : public HealthStore {
  public:
-  explicit RefusingAuthorization(std::shared_ptr<HealthStore> store) : store_(std::move(store)) {}
-  bool isHealthDataAvailable() const override { return store_->isHealthDataAvailable(); }
-  void requestAuthorization(std::set<ObjectType>, std::set<ObjectType>,
+  enum class Mode { refusingAuthorization, withoutHealthData };
+  HostStore(std::shared_ptr<HealthStore> store, Mode mode)
+      : store_(std::move(store)), mode_(mode) {}
+  bool isHealthDataAvailable() const override {
+    return mode_ != Mode::withoutHealthData && store_->isHealthDataAvailable();
+  }
+  void requestAuthorization(std::set<ObjectType> share, std::set<ObjectType> read,
                             HealthStoreCompletion completion) override {
-    completion(false, Error{"HealthStore", 5, "Authorization not determined"});
+    if (mode_ == Mode::refusingAuthorization) {
+      completion(false, Error{"HealthStore", 5, "Authorization not determined"});
+      return;
+    }
+    store_->requestAuthorization(std::move(share), std::move(read), std::move(completion));
   }
   void executeQuery(std::shared_ptr<Query> query) override { store_->executeQuery(query); }
   void stopQuery(const std::shared_ptr<Query>& query) override { store_->stopQuery(query); }
@@ -75,6 +85,7 @@ class RefusingAuthorization : public HealthStore {
 
  private:
   std::shared_ptr<HealthStore> store_;
+  const Mode mode_;
 };
 
 class ConnectionTest : public ::testing::Test {
@@ -95,11 +106,14 @@ class ConnectionTest : public ::testing::Test {
   }
 
   // A new process on the same data directory: new platform, new store object, new instance.
-  void restart(bool refuseAuthorization = false) {
-    testing::StoreWrapper refusing = [](std::shared_ptr<HealthStore> store) {
-      return std::make_shared<RefusingAuthorization>(std::move(store));
-    };
-    auto process = testing::startLibrary(dir_.path(), refuseAuthorization ? refusing : nullptr);
+  void restart(std::optional<HostStore::Mode> hostStore = std::nullopt) {
+    testing::StoreWrapper wrap;
+    if (hostStore) {
+      wrap = [mode = *hostStore](std::shared_ptr<HealthStore> store) {
+        return std::make_shared<HostStore>(std::move(store), mode);
+      };
+    }
+    auto process = testing::startLibrary(dir_.path(), wrap);
     ASSERT_TRUE(process.platform);
     store_ = std::move(process.store);
     platform_ = std::move(process.platform);
@@ -263,13 +277,16 @@ TEST_F(ConnectionTest, ReconnectRestartAndDisconnect) {
   ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   restart();
   EXPECT_EQ(Kestrova::connectedProfileId(), "p1");
-  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
-  saveEveryFamily(utc(2024, 4, 1, 8));
-  EXPECT_EQ(waitForSchemas("p1", {{"body-weight", 1}})["body-weight"].size(), 1u);
-
-  // Another profile: the first is disconnected first (its anchors go), then the new one is
-  // stored.
+  // Configured with another profile's token, collection resumes for the connected profile:
+  // its samples and its statistics go to p1, nothing to p2 until p2 connects.
   ASSERT_EQ(configureAndWait(config("p2")), Outcome(true, std::nullopt));
+  saveEveryFamily(utc(2024, 4, 1, 8));
+  auto bySchema = waitForSchemas("p1", {{"body-weight", 1}, {"ks-heart-rate-sample", 1}});
+  EXPECT_EQ(bySchema["body-weight"].size(), 1u);
+  EXPECT_FALSE(bySchema["ks-heart-rate-sample"].empty());
+  EXPECT_TRUE(server_->dataPoints("p2").empty());
+
+  // Connecting that profile disconnects the first (its anchors go), then stores the new one.
   ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
   EXPECT_TRUE(log_->contains("Profile p1 has been disconnected"));
   EXPECT_EQ(Kestrova::connectedProfileId(), "p2");
@@ -280,7 +297,7 @@ TEST_F(ConnectionTest, ReconnectRestartAndDisconnect) {
   EXPECT_FALSE(anchors.storedAnchor("HKQuantityTypeIdentifierBodyMass"));
   EXPECT_FALSE(anchors.storedAnchor("HKWorkoutTypeIdentifier"));
   TokenStore tokens(platform_->secureStore, platform_->applicationIdentifier);
-  EXPECT_EQ(tokens.tokenForProfile("p2"), server_->tokenFor("p2"));
+  EXPECT_EQ(tokens.tokenForProfile("p2").value(), server_->tokenFor("p2"));
 }
 
 TEST_F(ConnectionTest, FailuresOfEveryKind) {
@@ -316,7 +333,7 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
   EXPECT_EQ(Kestrova::currentStatus().value, Kestrova::Status::Case::disconnected);
 
   // A store that refuses the authorisation request.
-  restart(/*refuseAuthorization=*/true);
+  restart(HostStore::Mode::refusingAuthorization);
   ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
   const auto refused = connectAndWait();
   EXPECT_FALSE(refused.first);
@@ -326,6 +343,19 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
             "Optional(Error Domain=HealthStore Code=5 \"Authorization not determined\")");
   EXPECT_EQ(Kestrova::currentStatus().value, Kestrova::Status::Case::disconnected);
   EXPECT_FALSE(Kestrova::statusCodeFromRawValue(3));
+
+  // A host's store on a device without health data is no store: connect fails before any
+  // authorisation request, and disconnect leaves the connected profile alone.
+  restart();
+  ASSERT_EQ(configureAndWait(config("p1")), Outcome(true, std::nullopt));
+  ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt));
+  restart(HostStore::Mode::withoutHealthData);
+  EXPECT_FALSE(Kestrova::canConnectToHealthData());
+  EXPECT_TRUE(log_->contains("HealthKit is not available"));
+  ASSERT_EQ(configureAndWait(config("p2")), Outcome(true, std::nullopt));
+  EXPECT_EQ(connectAndWait(), Outcome(false, KestrovaHealthKitError::HealthKitStoreNotAvailable()));
+  Kestrova::disconnect();
+  EXPECT_EQ(Kestrova::connectedProfileId(), "p1");
 }
 
 }  // namespace

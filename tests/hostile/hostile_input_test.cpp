@@ -85,7 +85,7 @@ TEST(HostileInput, RefusedTokensAndUrlsLeaveTheConnectionAsItWas) {
     EXPECT_EQ(error->code(), hostile.expected) << hostile.url;
     EXPECT_EQ(Kestrova::currentStatus(),
               (Kestrova::Status{Kestrova::Status::Case::connected, "p1"}));
-    EXPECT_EQ(tokens.tokenForProfile("p1"), accepted);
+    EXPECT_EQ(tokens.tokenForProfile("p1").value(), accepted);
   }
   installPlatform(nullptr);
   resetSharedInstanceForTesting();
@@ -134,7 +134,7 @@ TEST(HostileInput, CorruptDefaultsDatabaseIsMovedAsideAndNothingElseIsLost) {
     TokenStore(test.platform->secureStore, test.platform->applicationIdentifier).takeToken(token);
     ProfileStore(test.platform->defaults).store(Profile{"p1"});
     ASSERT_FALSE(test.platform->files->createDirectories(upload.parent_path()));
-    ASSERT_FALSE(test.platform->files->writeFileAtomically(upload, toBytes("[1]")));
+    ASSERT_FALSE(test.platform->files->createFileAtomically(upload, toBytes("[1]")));
     installPlatform(nullptr);
   }
   std::string garbage(64 * 1024, '\0');
@@ -159,7 +159,7 @@ TEST(HostileInput, CorruptDefaultsDatabaseIsMovedAsideAndNothingElseIsLost) {
   profiles.store(Profile{"p2"});
   EXPECT_EQ(profiles.storedProfile()->id, "p2");
   TokenStore tokens(test.platform->secureStore, test.platform->applicationIdentifier);
-  EXPECT_EQ(tokens.tokenForProfile("p1"), token);
+  EXPECT_EQ(tokens.tokenForProfile("p1").value(), token);
   EXPECT_EQ(readText(upload), "[1]");
   log->uninstall();
   installPlatform(nullptr);
@@ -174,11 +174,11 @@ class FullDisk final : public FileSystem {
 
   Result<fs::path> documentsDirectory() const override { return disk_->documentsDirectory(); }
   Status createDirectories(const fs::path& path) override { return disk_->createDirectories(path); }
-  Status writeFileAtomically(const fs::path& path, const Bytes& data) override {
+  Status createFileAtomically(const fs::path& path, const Bytes& data) override {
     if (full) {
       return posixError(ENOSPC, "Cannot write", path);
     }
-    return disk_->writeFileAtomically(path, data);
+    return disk_->createFileAtomically(path, data);
   }
   Result<Bytes> readFile(const fs::path& path) const override { return disk_->readFile(path); }
   Status removeFile(const fs::path& path) override { return disk_->removeFile(path); }

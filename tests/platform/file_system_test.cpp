@@ -11,7 +11,7 @@
 namespace kestrova {
 namespace {
 
-TEST(LocalFileSystem, AtomicWritesReplaceWholeFilesAndListingsHideTemporaries) {
+TEST(LocalFileSystem, AtomicCreationsNeverReplaceAFileAndListingsHideTemporaries) {
   testing::TempDir dir;
   auto files = makeLocalFileSystem(dir.path());
   ASSERT_EQ(files->documentsDirectory().value(), dir.path());
@@ -20,10 +20,12 @@ TEST(LocalFileSystem, AtomicWritesReplaceWholeFilesAndListingsHideTemporaries) {
   ASSERT_FALSE(files->createDirectories(sub));  // existing: no error
 
   const auto path = sub / "file";
-  ASSERT_FALSE(files->writeFileAtomically(path, toBytes("first, longer content")));
-  ASSERT_FALSE(files->writeFileAtomically(path, toBytes("second")));
-  EXPECT_EQ(toString(files->readFile(path).value()), "second");
-  EXPECT_EQ(files->fileSize(path).value(), 6u);
+  ASSERT_FALSE(files->createFileAtomically(path, toBytes("first, longer content")));
+  const auto taken = files->createFileAtomically(path, toBytes("second"));
+  ASSERT_TRUE(taken);
+  EXPECT_TRUE(isNameTaken(*taken));
+  EXPECT_EQ(toString(files->readFile(path).value()), "first, longer content");
+  EXPECT_EQ(files->fileSize(path).value(), 21u);
 
   // Health data: the file is the owner's alone.
   struct stat info {};
@@ -51,11 +53,14 @@ TEST(LocalFileSystem, FailuresCarryTheirErrno) {
 
   EXPECT_EQ(files->removeFile(missing)->code, ENOENT);
   EXPECT_EQ(files->listDirectory(missing).error().code, ENOENT);
-  EXPECT_EQ(files->writeFileAtomically(missing / "x", toBytes("x"))->code, ENOENT);
-  // A replacement leaves no temporary file behind, hidden or not.
+  const auto noDirectory = files->createFileAtomically(missing / "x", toBytes("x"));
+  EXPECT_EQ(noDirectory->code, ENOENT);
+  EXPECT_FALSE(isNameTaken(*noDirectory));
+  // A refused creation keeps the file there and leaves no temporary file behind.
   ASSERT_FALSE(files->createDirectories(dir.path() / "d"));
   std::ofstream(dir.path() / "d" / "keep") << "old";
-  EXPECT_FALSE(files->writeFileAtomically(dir.path() / "d" / "keep", toBytes("new")));
+  EXPECT_TRUE(files->createFileAtomically(dir.path() / "d" / "keep", toBytes("new")));
+  EXPECT_EQ(toString(files->readFile(dir.path() / "d" / "keep").value()), "old");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() / "d"),
                           std::filesystem::directory_iterator()),
             1);

@@ -73,12 +73,25 @@ class LoopbackServer {
   std::thread thread_;
 };
 
-// Accepts connections on 127.0.0.1 and reads one request from each, keeping its exact bytes,
-// then either answers with `reply` or, when it is empty, closes the connection unanswered.
+// How fast a server takes in a request: `bytes` at a time with a pause after each read.
+struct ReadingPace {
+  std::size_t bytes = 4096;
+  std::chrono::milliseconds pause{0};
+};
+
+// Accepts connections on 127.0.0.1 and reads one request from each, at `pace`, keeping its
+// exact bytes, then either answers with `reply` or, when it is empty, closes the connection
+// unanswered.
 class RawServer {
  public:
-  explicit RawServer(std::string reply) : reply_(std::move(reply)) {
+  explicit RawServer(std::string reply, ReadingPace pace = {})
+      : reply_(std::move(reply)), pace_(pace) {
     listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (pace_.pause > 0ms) {
+      // A small window, so that the client sees the slow reading as slow sending.
+      const int window = static_cast<int>(pace_.bytes);
+      ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -110,13 +123,14 @@ class RawServer {
         return;
       }
       std::string received;
-      char buffer[4096];
+      std::vector<char> buffer(pace_.bytes);
       while (!complete(received)) {
-        const ssize_t count = ::recv(connection, buffer, sizeof buffer, 0);
+        const ssize_t count = ::recv(connection, buffer.data(), buffer.size(), 0);
         if (count <= 0) {
           break;
         }
-        received.append(buffer, static_cast<size_t>(count));
+        received.append(buffer.data(), static_cast<size_t>(count));
+        std::this_thread::sleep_for(pace_.pause);
       }
       {
         std::lock_guard lock(mutex_);
@@ -143,6 +157,7 @@ class RawServer {
   }
 
   const std::string reply_;
+  const ReadingPace pace_;
   int listener_ = -1;
   int port_ = 0;
   std::thread thread_;
@@ -372,12 +387,46 @@ TEST(URLSessionFailures, ServerSlowerThanTheTimeOutGivesTimedOut) {
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(outcome.error->domain, kURLErrorDomain);
   EXPECT_EQ(outcome.error->code, code(URLErrorCode::timedOut));
-  EXPECT_NE(outcome.error->description.find("curl error 28"), std::string::npos)
-      << outcome.error->description;
+  EXPECT_EQ(outcome.error->description, "no byte moved for 300 ms");
   EXPECT_FALSE(outcome.response);
   EXPECT_FALSE(outcome.data);
   EXPECT_GE(elapsed, 250ms);
   EXPECT_LT(elapsed, 3s);
+}
+
+TEST(URLSessionFailures, TimeOutCountsOnlyTimeWithoutProgress) {
+  // The server takes in the upload slowly but steadily: the exchange lasts several time-outs,
+  // yet no pause in it comes near one.
+  RawServer server("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", ReadingPace{64 * 1024, 10ms});
+  auto urlSession = session(400ms);
+  URLRequest request = get(server.url("/ingest"));
+  request.httpMethod = "POST";
+  request.httpBody = Bytes(4 << 20, '7');
+  Recorder recorder;
+  const auto started = std::chrono::steady_clock::now();
+  urlSession->dataTask(request, recorder.completion(0))->resume();
+  ASSERT_TRUE(recorder.waitForCalls(1));
+  const auto elapsed = std::chrono::steady_clock::now() - started;
+
+  const Outcome outcome = recorder.only(0);
+  ASSERT_FALSE(outcome.error) << outcome.error->text();
+  EXPECT_EQ(outcome.response->statusCode, 200);
+  EXPECT_GT(elapsed, 800ms);
+  ASSERT_EQ(server.requests().size(), 1u);
+  EXPECT_TRUE(server.requests()[0].ends_with(std::string(16, '7')));
+
+  // However steadily it moves, a request has its limit as a whole.
+  URLSessionConfiguration capped;
+  capped.timeoutIntervalForResource = 300ms;
+  auto cappedSession = makeURLSession(capped);
+  ASSERT_TRUE(cappedSession);
+  cappedSession->dataTask(request, recorder.completion(1))->resume();
+  ASSERT_TRUE(recorder.waitForCalls(2));
+  const Outcome cut = recorder.only(1);
+  ASSERT_TRUE(cut.error);
+  EXPECT_EQ(cut.error->code, code(URLErrorCode::timedOut));
+  EXPECT_NE(cut.error->description.find("curl error 28"), std::string::npos)
+      << cut.error->description;
 }
 
 TEST(URLSessionFailures, TimeOutDoesNotCountTheWaitForTheConnection) {

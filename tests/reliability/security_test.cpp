@@ -242,7 +242,7 @@ TEST_F(SecurityTest, ProfileIdsMoveNeitherFilesNorTheUrlPath) {
     ASSERT_TRUE(outcome.second) << id;
     EXPECT_EQ(outcome.second->code(), Code::invalidToken) << id;
     EXPECT_FALSE(outcome.second->localizedDescription().empty());
-    EXPECT_FALSE(tokens.tokenForProfile(id)) << id;
+    EXPECT_FALSE(tokens.tokenForProfile(id).value()) << id;
     EXPECT_EQ(tree(dir_.path()), before) << id;
   }
 

@@ -61,8 +61,6 @@ TEST(FileNameComponents, NamesRoundTripAndForeignNamesDoNotParse) {
 
 TEST_F(FileServerTest, WritesReadsListsAndDeletes) {
   const FileNameComponents a{"body-1", "p1", utc(2024, 3, 1)};
-  ASSERT_EQ(writeAndWait("[1]", a, true), a);
-  // The same components again: one file holding the second payload.
   ASSERT_EQ(writeAndWait("[2,3]", a, true), a);
   EXPECT_EQ(server_->read(a, true), toBytes("[2,3]"));
   EXPECT_TRUE(log_->contains("Data written to file: "));
@@ -132,21 +130,32 @@ TEST_F(FileServerTest, FailedWritesAreRetriedThenDropped) {
   EXPECT_EQ(handed.get_future().get(), components);
 }
 
-TEST_F(FileServerTest, BatchesOfTheSameMillisecondGetDistinctNames) {
+TEST_F(FileServerTest, BatchNamesNeverRepeatAndNoWriteReplacesAPendingFile) {
+  // The same millisecond, and a wall clock that steps back to it: every name is new.
   const auto now = utc(2024, 3, 1, 8, 0, 0, 1);
+  const auto later = utc(2024, 3, 1, 8, 0, 0, 2);
   std::set<std::string> names;
-  for (int i = 0; i < 3; ++i) {
-    const auto components = server_->makeBatchComponents("workout-", "p1", now);
-    EXPECT_EQ(components.timestamp, now);
-    EXPECT_EQ(components.sampleId.rfind("workout-2024-03-01T08:00:00.001", 0), 0u);
+  for (const auto time : {now, now, later, now, later}) {
+    const auto components = server_->makeBatchComponents("body-", "p1", time);
+    EXPECT_EQ(components.timestamp, time);
+    EXPECT_EQ(components.sampleId.rfind("body-" + timestampString(time), 0), 0u);
     names.insert(components.fileName());
-    ASSERT_TRUE(writeAndWait("[" + std::to_string(i) + "]", components, true));
+    ASSERT_TRUE(writeAndWait("[" + std::to_string(names.size()) + "]", components, true));
   }
-  EXPECT_EQ(names.size(), 3u);
-  EXPECT_EQ(server_->list(true).size(), 3u);
-  // Another family in the same millisecond keeps the plain name.
-  EXPECT_EQ(server_->makeBatchComponents("sleep-", "p1", now).sampleId,
-            "sleep-2024-03-01T08:00:00.001");
+  EXPECT_EQ(names.size(), 5u);
+  EXPECT_EQ(server_->list(true).size(), 5u);
+
+  // A name that is taken all the same (another process, a restart with the clock set back)
+  // makes the write choose another; the pending file keeps its data points.
+  const FileNameComponents taken{"sleep-x", "p1", now};
+  ASSERT_EQ(writeAndWait("[1]", taken, true), taken);
+  const auto moved = writeAndWait("[2]", taken, true);
+  ASSERT_TRUE(moved);
+  EXPECT_NE(moved->fileName(), taken.fileName());
+  EXPECT_EQ(moved->profileId, "p1");
+  EXPECT_EQ(server_->read(taken, true), toBytes("[1]"));
+  EXPECT_EQ(server_->read(*moved, true), toBytes("[2]"));
+  EXPECT_EQ(server_->list(true).size(), 7u);
 }
 
 }  // namespace

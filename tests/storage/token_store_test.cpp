@@ -83,6 +83,7 @@ class FailingSecureStore : public SecureStore {
  public:
   OSStatus copyStatus = errSecItemNotFound;
   OSStatus writeStatus = errSecIO;
+  OSStatus addStatus = errSecSuccess;  // when set, add answers this instead of writeStatus
   Bytes storedData;
 
   OSStatus copyMatching(std::string_view service, std::string_view account,
@@ -90,7 +91,9 @@ class FailingSecureStore : public SecureStore {
     result = SecureItem{std::string(service), std::string(account), storedData};
     return copyStatus;
   }
-  OSStatus add(const SecureItem&) override { return writeStatus; }
+  OSStatus add(const SecureItem&) override {
+    return addStatus == errSecSuccess ? writeStatus : addStatus;
+  }
   OSStatus update(std::string_view, std::string_view, const Bytes&) override { return writeStatus; }
   OSStatus remove(std::string_view, std::string_view) override { return writeStatus; }
 };
@@ -105,14 +108,14 @@ TEST(TokenStore, KeepsOneItemPerProfileInTheSecureStore) {
   EXPECT_EQ(TokenStore::account(std::nullopt), "User");
 
   // Nothing stored: none, and nothing logged.
-  EXPECT_FALSE(store.tokenForProfile("p1"));
+  EXPECT_EQ(store.tokenForProfile("p1").value(), std::nullopt);
   EXPECT_TRUE(log->lines().empty());
 
   const auto first = makeToken(R"({"id":"p1","n":1})");
   const auto second = makeToken(R"({"id":"p1","n":2})");
   EXPECT_EQ(store.takeToken(first), "p1");
   EXPECT_EQ(store.takeToken(second), "p1");
-  EXPECT_EQ(store.tokenForProfile("p1"), second);
+  EXPECT_EQ(store.tokenForProfile("p1").value(), second);
   // One item: adding another for the account is a duplicate.
   EXPECT_EQ(test.platform->secureStore->add(SecureItem{store.service(), "User+p1", toBytes("x")}),
             errSecDuplicateItem);
@@ -120,13 +123,13 @@ TEST(TokenStore, KeepsOneItemPerProfileInTheSecureStore) {
 
   // A rejected token stores nothing, and a token never shows in the log.
   EXPECT_FALSE(store.takeToken(makeToken(R"({"id":"p/2"})")));
-  EXPECT_FALSE(store.tokenForProfile("p/2"));
+  EXPECT_EQ(store.tokenForProfile("p/2").value(), std::nullopt);
   logInfo("test", "configured with %@", {second});
   EXPECT_EQ(log->lines().back().message, "configured with <redacted>");
 
   // Another application's tokens are apart from ours.
   TokenStore other(test.platform->secureStore, "org.example.other");
-  EXPECT_FALSE(other.tokenForProfile("p1"));
+  EXPECT_EQ(other.tokenForProfile("p1").value(), std::nullopt);
   log->uninstall();
   installPlatform(nullptr);
 }
@@ -148,9 +151,13 @@ TEST(TokenStore, SecureStoreFailuresAreLoggedWithTheirStatusText) {
   EXPECT_EQ(log->lines()[1].message,
             "Error keychain token delete for User+p1 with error: Error code: -12345");
 
+  // A failed lookup is an error with its status, never "no token".
   log->clear();
   keychain->copyStatus = errSecInteractionNotAllowed;
-  EXPECT_FALSE(store.tokenForProfile("p1"));
+  const auto busy = store.tokenForProfile("p1");
+  ASSERT_FALSE(busy);
+  EXPECT_EQ(busy.error().domain, kKeychainErrorDomain);
+  EXPECT_EQ(busy.error().code, errSecInteractionNotAllowed);
   EXPECT_EQ(log->lines().at(0).message,
             "Error keychain token lookup for User+p1 with error: " +
                 *secCopyErrorMessageString(errSecInteractionNotAllowed));
@@ -158,8 +165,17 @@ TEST(TokenStore, SecureStoreFailuresAreLoggedWithTheirStatusText) {
   log->clear();
   keychain->copyStatus = errSecSuccess;
   keychain->storedData = Bytes{0xC3, 0x28};  // not UTF-8
-  EXPECT_FALSE(store.tokenForProfile(std::nullopt));
+  const auto damaged = store.tokenForProfile(std::nullopt);
+  ASSERT_FALSE(damaged);
+  EXPECT_EQ(damaged.error().code, errSecDecode);
   EXPECT_EQ(log->lines().at(0).message, "Error keychain token data extraction for User");
+  // A damaged item is still an item: saving updates it rather than adding a duplicate.
+  log->clear();
+  keychain->writeStatus = errSecSuccess;
+  keychain->addStatus = errSecDuplicateItem;
+  store.saveToken("token-value-3", std::nullopt);
+  EXPECT_FALSE(log->contains("Error keychain add token"));
+  EXPECT_FALSE(log->contains("Error keychain token delete"));
   log->uninstall();
 }
 

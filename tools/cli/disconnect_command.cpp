@@ -37,13 +37,17 @@ std::optional<std::string> configureOffline(const Platform& platform, const std:
     logging::setMinimumLevel(LogLevel::fault);
   }
   TokenStore tokens(platform.secureStore, platform.applicationIdentifier);
-  auto token = tokens.tokenForProfile(profile);
-  if (!token) {
+  auto stored = tokens.tokenForProfile(profile);
+  if (!stored) {
+    return stored.error().text();
+  }
+  if (!stored->has_value()) {
     return std::string(kNoStoredToken);
   }
-  logging::registerSecret(*token);
+  const std::string& token = **stored;
+  logging::registerSecret(token);
   auto outcome = configureAndWait(
-      KestrovaConfig(*token, std::string(kOfflineUrl), std::nullopt, std::vector<int>{}),
+      KestrovaConfig(token, std::string(kOfflineUrl), std::nullopt, std::vector<int>{}),
       kConfigureTimeout);
   if (!outcome) {
     return std::string(kNoAnswer);

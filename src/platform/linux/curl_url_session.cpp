@@ -2,8 +2,12 @@
 // and calls every completion; other threads only queue commands under the session's mutex and
 // wake the thread with curl_multi_wakeup.
 #include <curl/curl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <memory>
@@ -101,6 +105,11 @@ Error errorForCurl(CURLcode code, const char* detail) {
   return urlError(codeForCurl(code), std::move(description));
 }
 
+Error idleError(std::chrono::milliseconds limit) {
+  return urlError(URLErrorCode::timedOut,
+                  "no byte moved for " + std::to_string(limit.count()) + " ms");
+}
+
 Error cancelledError() {
   return urlError(URLErrorCode::cancelled, "cancelled");
 }
@@ -124,7 +133,42 @@ struct Transfer {
   Bytes received;
   HTTPHeaders responseHeaders;
   char errorBuffer[CURL_ERROR_SIZE] = {};
+  // The idle time-out: bytes moved either way so far, when that count last changed, and
+  // whether the transfer was ended for standing still.
+  std::chrono::milliseconds idleLimit{0};
+  curl_off_t moved = 0;
+  std::chrono::steady_clock::time_point lastMoved;
+  bool idle = false;
 };
+
+// NOTE: the kernel takes up to megabytes of an upload into its send buffer at once, and the
+// progress that curl reports counts them as moved; on a slow uplink draining that buffer takes
+// longer than the idle time-out, which would then end every large upload at its last bytes.
+// Keeping little unsent data in the socket makes the progress follow what the network takes.
+constexpr int kUnsentBytesLimit = 64 * 1024;
+
+int onSocket(void*, curl_socket_t socket, curlsocktype purpose) {
+  if (purpose == CURLSOCKTYPE_IPCXN) {
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kUnsentBytesLimit,
+                 sizeof kUnsentBytesLimit);
+  }
+  return CURL_SOCKOPT_OK;
+}
+
+int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const auto now = std::chrono::steady_clock::now();
+  if (received + sent != transfer->moved) {
+    transfer->moved = received + sent;
+    transfer->lastMoved = now;
+    return 0;
+  }
+  if (now - transfer->lastMoved < transfer->idleLimit) {
+    return 0;
+  }
+  transfer->idle = true;
+  return 1;  // curl ends the transfer with CURLE_ABORTED_BY_CALLBACK
+}
 
 size_t onBody(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
@@ -355,11 +399,19 @@ Status SessionCore::configure(Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   // A proxy from the environment is honoured, except for the loopback interface.
   curl_easy_setopt(easy, CURLOPT_NOPROXY, "127.0.0.1,localhost,::1");
-  const auto timeoutMs = static_cast<long>(configuration_.timeoutIntervalForRequest.count());
-  // NOTE: curl starts this clock when the request gets its connection, so requests queued
-  // behind the one connection per host do not use up their time while they wait.
-  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMs);
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+  // NOTE: curl starts these clocks when the request gets its connection (see admitQueued), so
+  // requests queued behind the one connection per host do not use up their time while they
+  // wait. The request time-out counts only time without progress, which curl's own time-outs
+  // cannot express to the millisecond; the progress callback does.
+  const auto idleMs = static_cast<long>(configuration_.timeoutIntervalForRequest.count());
+  transfer.idleLimit = configuration_.timeoutIntervalForRequest;
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, idleMs);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS,
+                   static_cast<long>(configuration_.timeoutIntervalForResource.count()));
+  curl_easy_setopt(easy, CURLOPT_SOCKOPTFUNCTION, onSocket);
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, onProgress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBody);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeader);
@@ -474,6 +526,7 @@ void SessionCore::admitQueued() {
         continue;
       }
       found->second->active = true;
+      found->second->lastMoved = std::chrono::steady_clock::now();
       ++active_[key];
     }
     host = ids.empty() ? queued_.erase(host) : std::next(host);
@@ -549,7 +602,8 @@ void SessionCore::finishDone() {
     auto transfer = detach(found);
     auto completion = std::move(transfer->completion);
     if (result != CURLE_OK) {
-      Error error = errorForCurl(result, transfer->errorBuffer);
+      Error error = transfer->idle ? idleError(transfer->idleLimit)
+                                   : errorForCurl(result, transfer->errorBuffer);
       transfer.reset();
       completion(std::nullopt, std::nullopt, std::move(error));
       continue;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "platform/file_system.h"
 #include "platform/linux/posix.h"
@@ -65,6 +66,22 @@ int writeAll(int fd, const Bytes& data) {
   return 0;
 }
 
+// Gives `from` the name `to` unless a file has that name; the errno of the failure, or 0.
+int renameWithoutReplacing(const fs::path& from, const fs::path& to) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return 0;
+  }
+  if (errno != EINVAL && errno != ENOSYS) {
+    return errno;
+  }
+  // A file system without that kind of rename: a hard link refuses an existing name alike.
+  if (::link(from.c_str(), to.c_str()) != 0) {
+    return errno;
+  }
+  ::unlink(from.c_str());
+  return 0;
+}
+
 class LocalFileSystem : public FileSystem {
  public:
   explicit LocalFileSystem(fs::path root) : root_(std::move(root)) {}
@@ -80,7 +97,7 @@ class LocalFileSystem : public FileSystem {
     return std::nullopt;
   }
 
-  Status writeFileAtomically(const fs::path& path, const Bytes& data) override {
+  Status createFileAtomically(const fs::path& path, const Bytes& data) override {
     // Hidden, so that listings never show a half-written file; mkstemp makes it owner-only,
     // which suits health data.
     std::string pattern =
@@ -105,8 +122,8 @@ class LocalFileSystem : public FileSystem {
     if (int code = file.close(); code != 0) {
       return fail(code, "Cannot close");
     }
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-      return fail(errno, "Cannot rename into");
+    if (int code = renameWithoutReplacing(temporary, path); code != 0) {
+      return fail(code, "Cannot rename into");
     }
     // The rename itself must reach the disk for the file to survive a power loss.
     FileDescriptor directory(
@@ -182,6 +199,10 @@ class LocalFileSystem : public FileSystem {
 };
 
 }  // namespace
+
+bool isNameTaken(const Error& error) {
+  return error.domain == kPosixErrorDomain && error.code == EEXIST;
+}
 
 std::shared_ptr<FileSystem> makeLocalFileSystem(fs::path root) {
   return std::make_shared<LocalFileSystem>(std::move(root));
