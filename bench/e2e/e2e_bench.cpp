@@ -533,12 +533,22 @@ void printTable(const std::vector<YearsFigures>& all) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Line by line, so that a run of many minutes shows where it is through a pipe too.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   std::vector<int> years;
   fs::path dir = fs::temp_directory_path() / "kestrova-e2e-bench";
-  for (int i = 1; i + 1 < argc; i += 2) {
+  for (int i = 1; i < argc; i += 2) {
     const std::string option = argv[i];
+    if (i + 1 == argc) {
+      std::fprintf(stderr, "e2e-bench: %s wants a value\n", option.c_str());
+      return 2;
+    }
     if (option == "--years") {
       years.push_back(std::atoi(argv[i + 1]));
+      if (years.back() < 1) {
+        std::fprintf(stderr, "e2e-bench: --years wants a whole number of at least 1\n");
+        return 2;
+      }
     } else if (option == "--dir") {
       dir = argv[i + 1];
     } else {
