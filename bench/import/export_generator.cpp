@@ -318,7 +318,8 @@ Result<GeneratedExport> generateExport(const fs::path& out, const GeneratorOptio
   std::setvbuf(xml.get(), nullptr, _IOFBF, 1 << 20);
   Writer writer(xml.get(), options.seed);
   std::fputs(kProlog, xml.get());
-  const std::int64_t days = options.days > 0 ? options.days : 365LL * options.years;
+  const std::int64_t days =
+      options.days > 0 ? options.days : std::int64_t{kDaysPerYear} * options.years;
   for (std::int64_t day = options.firstDay; day < options.firstDay + days; ++day) {
     writeDay(writer, day);
     if (day % 30 == 14) {

@@ -11,6 +11,9 @@
 
 namespace kestrova::bench {
 
+// The days of a generated year, leap or not: the export of N years ends on day N * kDaysPerYear.
+inline constexpr int kDaysPerYear = 365;
+
 struct GeneratorOptions {
   int years = 1;
   // When positive, only this many days from 1 January 2021 instead of whole years: a small

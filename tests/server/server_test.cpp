@@ -247,20 +247,24 @@ TEST_F(ReferenceServer, SingleIngestTakesOneDataPointOrAnArrayAndSummariesWithAD
 TEST_F(ReferenceServer, StatsEndpointReportsWhatTheServerSaw) {
   post(kBulk, json::array({dataPoint("A"), dataPoint("A"), dataPoint("B", "sleep-episode", "omh")}),
        headers("p1"));
+  post(kBulk, json::array({dataPoint("A"), dataPoint("C")}), headers("p1"));
   post(kBulk, json::array(), {});
   client().Get("/nowhere");
   auto answer = client().Get("/api/v1.3/_stats");
   ASSERT_TRUE(answer);
   ASSERT_EQ(answer->status, 200);
   const auto stats = json::parse(answer->body);
-  EXPECT_EQ(stats.at("data_points"), 2);
-  EXPECT_EQ(stats.at("duplicates"), 1);
+  EXPECT_EQ(stats.at("data_points"), 3);
+  EXPECT_EQ(stats.at("duplicates"), 2);
   EXPECT_EQ(stats.at("by_schema").at("omh:sleep-episode:1.0"), 1);
-  EXPECT_EQ(stats.at("by_profile").at("p1"), 2);
-  EXPECT_EQ(stats.at("requests").at(kBulk).at("200"), 1);
+  // A arrived three times: one data point received again, two extra arrivals.
+  EXPECT_EQ(stats.at("repeated_by_schema").at("ks:ks-heart-rate-sample:1.0"), 1);
+  EXPECT_EQ(stats.at("repeated_by_schema").at("omh:sleep-episode:1.0"), 0);
+  EXPECT_EQ(stats.at("by_profile").at("p1"), 3);
+  EXPECT_EQ(stats.at("requests").at(kBulk).at("200"), 2);
   EXPECT_EQ(stats.at("requests").at(kBulk).at("403"), 1);
   EXPECT_EQ(stats.at("requests").at("/nowhere").at("404"), 1);
-  EXPECT_EQ(stats.at("request_count"), 3);
+  EXPECT_EQ(stats.at("request_count"), 4);
 }
 
 TEST_F(ReferenceServer, ScriptedStatusesAreAnsweredInOrderThenRequestsPass) {

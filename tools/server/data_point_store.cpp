@@ -199,7 +199,7 @@ StoreCounts DataPointStore::counts() const {
   std::lock_guard lock(mutex_);
   auto prepared = database_.prepare(
       "SELECT profile, schema_namespace || ':' || schema_name || ':' || schema_version, "
-      "COUNT(*), SUM(receipts - 1) FROM data_points GROUP BY 1, 2");
+      "COUNT(*), SUM(receipts - 1), SUM(receipts > 1) FROM data_points GROUP BY 1, 2");
   if (!prepared) {
     return counts;
   }
@@ -214,6 +214,7 @@ StoreCounts DataPointStore::counts() const {
     counts.duplicates += statement.columnInt64(3);
     counts.byProfile[statement.columnText(0)] += rows;
     counts.bySchema[statement.columnText(1)] += rows;
+    counts.repeatedBySchema[statement.columnText(1)] += statement.columnInt64(4);
   }
 }
 

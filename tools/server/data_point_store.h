@@ -40,6 +40,9 @@ struct StoreCounts {
   std::int64_t duplicates = 0;
   std::map<std::string, std::int64_t> bySchema;  // "namespace:name:version"
   std::map<std::string, std::int64_t> byProfile;
+  // Per schema, the data points that arrived more than once, however often: what a client sent
+  // again, where `duplicates` counts every extra arrival.
+  std::map<std::string, std::int64_t> repeatedBySchema;
 };
 
 class DataPointStore {

@@ -37,7 +37,8 @@ Endpoints of a running server (relative to http://HOST:PORT):
                                  400 with {"error", "problems"} when a data point is malformed,
                                  403 without a valid bearer token
   POST /api/v1.3/ingest/         one data point (a JSON object) or a JSON array of them
-  GET  /api/v1.3/_stats          data points per schema and profile, duplicates, requests
+  GET  /api/v1.3/_stats          data points per schema and profile, duplicates, requests,
+                                 and per schema the data points received more than once
   GET|POST|DELETE /_admin/faults the fault plan (loopback clients only); POST takes
                                  {"script": "503,drop", "rate": 0.1, "rate_fault": "500",
                                   "rates": [{"fault": "503", "p": 0.2}], "seed": 1}

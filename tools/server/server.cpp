@@ -95,9 +95,15 @@ nlohmann::json ServerStats::toJson() const {
   for (const auto& [path, answers] : requests) {
     requestsJson[path] = answers;
   }
-  return {{"data_points", store.dataPoints}, {"duplicates", store.duplicates},
-          {"by_schema", store.bySchema},     {"by_profile", store.byProfile},
-          {"request_count", requestCount},   {"requests", requestsJson}};
+  nlohmann::json json;
+  json[kDataPointsKey] = store.dataPoints;
+  json[kDuplicatesKey] = store.duplicates;
+  json[kBySchemaKey] = store.bySchema;
+  json[kRepeatedBySchemaKey] = store.repeatedBySchema;
+  json[kByProfileKey] = store.byProfile;
+  json[kRequestCountKey] = requestCount;
+  json[kRequestsKey] = requestsJson;
+  return json;
 }
 
 class KestrovaServer::Impl {
@@ -286,7 +292,7 @@ void KestrovaServer::Impl::ingest(const httplib::Request& req, httplib::Response
     refuse(res, 500, "storage failed", counted.error().text());
     return;
   }
-  answer(res, 200, {{"stored", counted->stored}, {"duplicates", counted->duplicates}});
+  answer(res, 200, {{"stored", counted->stored}, {kDuplicatesKey, counted->duplicates}});
 }
 
 void KestrovaServer::Impl::statistics(const httplib::Request&, httplib::Response& res) {

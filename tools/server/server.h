@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/result.h"
@@ -38,6 +39,15 @@ struct ServerOptions {
   // Connections the server serves at once (one thread each, kept-alive ones included).
   int threads = 8;
 };
+
+// The keys of the statistics' JSON (GET /api/v1.3/_stats).
+inline constexpr std::string_view kDataPointsKey = "data_points";
+inline constexpr std::string_view kDuplicatesKey = "duplicates";
+inline constexpr std::string_view kBySchemaKey = "by_schema";
+inline constexpr std::string_view kRepeatedBySchemaKey = "repeated_by_schema";
+inline constexpr std::string_view kByProfileKey = "by_profile";
+inline constexpr std::string_view kRequestCountKey = "request_count";
+inline constexpr std::string_view kRequestsKey = "requests";
 
 struct ServerStats {
   StoreCounts store;
