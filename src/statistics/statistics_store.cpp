@@ -190,6 +190,12 @@ std::optional<StatisticsValueData> decode(const DefaultsValue& value, std::strin
   return entry;
 }
 
+// The value of a row of the new-data index. Built in place: GCC 12 takes a moved-from temporary
+// variant for an uninitialised one (-Wmaybe-uninitialized) at -O2.
+std::optional<DefaultsValue> newDataMark() {
+  return std::optional<DefaultsValue>(std::in_place, std::in_place_type<std::int64_t>, 1);
+}
+
 std::string rowKey(std::string_view key, std::string_view intervalKey) {
   std::string row(key);
   row += kSeparator;
@@ -364,6 +370,20 @@ void addFigure(Figure figure, double value, DailySummary& summary) {
   }
 }
 
+// The entries of `key` whose interval keys lie between `first` and `last` (inclusive).
+Dates2Value readRange(const DefaultsStore& defaults, std::string_view key, std::string_view first,
+                      std::string_view last) {
+  Dates2Value map;
+  const auto prefix = rowKey(key, "");
+  for (auto& [row, value] :
+       defaults.objects(rowKey(key, first), rowKey(key, last) + kAfterSeparator, 0)) {
+    if (auto entry = decode(value, row)) {
+      map.emplace(row.substr(prefix.size()), std::move(*entry));
+    }
+  }
+  return map;
+}
+
 }  // namespace
 
 std::optional<std::string_view> detailKey(std::string_view quantityTypeIdentifier) {
@@ -426,15 +446,8 @@ class StatisticsStore::Batch {
     if (found != maps_.end()) {
       return found->second;
     }
-    Dates2Value map;
-    const auto prefix = rowKey(key, "");
-    for (auto& [row, value] :
-         store_.defaults_->objects(rowKey(key, first), rowKey(key, last) + kAfterSeparator, 0)) {
-      if (auto entry = decode(value, row)) {
-        map.emplace(row.substr(prefix.size()), std::move(*entry));
-      }
-    }
-    return maps_.emplace(std::string(key), std::move(map)).first->second;
+    return maps_.emplace(std::string(key), readRange(*store_.defaults_, key, first, last))
+        .first->second;
   }
   void changed(std::string_view key, const std::string& intervalKey) {
     changed_.emplace(std::string(key), intervalKey);
@@ -453,7 +466,7 @@ class StatisticsStore::Batch {
       // when reading, as it may change between configurations.
       auto index = newDataKey(familyOf(key), intervalKey, key);
       if (!entry.uploadedAt || *entry.uploadedAt <= entry.updatedAt) {
-        changes.emplace_back(std::move(index), DefaultsValue(std::int64_t{1}));
+        changes.emplace_back(std::move(index), newDataMark());
       } else {
         changes.emplace_back(std::move(index), std::nullopt);
       }
@@ -487,8 +500,7 @@ void StatisticsStore::migrate() {
         if (auto bytes = encode(entry, key)) {
           changes.emplace_back(rowKey(key, intervalKey), std::move(*bytes));
           if (!entry.uploadedAt || *entry.uploadedAt <= entry.updatedAt) {
-            changes.emplace_back(newDataKey(familyOf(key), intervalKey, key),
-                                 DefaultsValue(std::int64_t{1}));
+            changes.emplace_back(newDataKey(familyOf(key), intervalKey, key), newDataMark());
           }
         }
       }
@@ -647,9 +659,8 @@ std::map<std::string, Dates2Value, std::less<>> StatisticsStore::entries(
     return byKey;
   }
   // One range read per key: the intervals asked for lie close together.
-  Batch batch(const_cast<StatisticsStore&>(*this));
   for (const auto& key : keysOf(family)) {
-    auto& map = batch.map(key, intervalKeys.front(), intervalKeys.back());
+    auto map = readRange(*defaults_, key, intervalKeys.front(), intervalKeys.back());
     auto& kept = byKey[key];
     for (const auto& intervalKey : intervalKeys) {
       if (auto found = map.find(intervalKey); found != map.end()) {
