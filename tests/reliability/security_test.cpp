@@ -18,6 +18,7 @@
 
 #include "e2e/library_harness.h"
 #include "healthstore/import/apple_health_importer.h"
+#include "platform/activity.h"
 #include "platform/url_session.h"
 #include "server/jwt.h"
 #include "server/server.h"
@@ -25,6 +26,7 @@
 #include "storage/file_server.h"
 #include "storage/token_store.h"
 #include "support/child_process.h"
+#include "platform/activity.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -114,8 +116,9 @@ class SecurityTest : public ::testing::Test {
 
   bool uploadsDone() const { return uploadFiles().empty(); }
 
-  // Until neither the upload files nor the server's requests have changed for a second: no
-  // write or upload of the current configuration is under way any more.
+  // Until the library is idle (no statistics upload timer left either) and neither the upload
+  // files nor the server's requests have changed for a second: no write or upload of the
+  // current configuration is under way any more.
   void waitForQuiet() const {
     auto last = std::make_pair(uploadFiles(), server_->stats().requestCount);
     auto since = std::chrono::steady_clock::now();
@@ -126,7 +129,8 @@ class SecurityTest : public ::testing::Test {
             last = std::move(now);
             since = std::chrono::steady_clock::now();
           }
-          return std::chrono::steady_clock::now() - since > std::chrono::seconds(1);
+          return activity::idle() &&
+                 std::chrono::steady_clock::now() - since > std::chrono::seconds(1);
         },
         kWait));
   }
