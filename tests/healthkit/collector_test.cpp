@@ -45,9 +45,9 @@ TEST(HealthKitTypes, SetsAndSystemVersions) {
   }
 }
 
-// The embedded store, except that anchored queries wait until the test releases them, so that
-// a test can see how many fetches run and what happens while one is under way. Its mutex owns
-// the held queries.
+// The embedded store, except that the results of anchored queries wait until the test releases
+// them, so that a test can see how many fetches run and what happens while one is under way.
+// Its mutex owns the held results.
 class HoldingStore : public HealthStore {
  public:
   explicit HoldingStore(std::shared_ptr<HealthStore> store) : store_(std::move(store)) {}
@@ -57,12 +57,19 @@ class HoldingStore : public HealthStore {
     store_->requestAuthorization(std::move(share), std::move(read), std::move(completion));
   }
   void executeQuery(std::shared_ptr<Query> query) override {
-    if (query->kind() == QueryKind::anchoredObject) {
-      std::lock_guard lock(mutex_);
-      held_.push_back(std::move(query));
+    auto anchored = std::dynamic_pointer_cast<AnchoredObjectQuery>(query);
+    if (!anchored) {
+      store_->executeQuery(std::move(query));
       return;
     }
-    store_->executeQuery(std::move(query));
+    store_->executeQuery(AnchoredObjectQuery::make(
+        *anchored->objectType(), anchored->predicate(), anchored->anchor(), anchored->limit(),
+        [this, anchored](const auto&, Result<AnchoredObjectResults> results) {
+          std::lock_guard lock(mutex_);
+          held_.push_back([anchored, results = std::move(results)]() mutable {
+            anchored->resultsHandler()(anchored, std::move(results));
+          });
+        }));
   }
   void stopQuery(const std::shared_ptr<Query>& query) override { store_->stopQuery(query); }
   void enableBackgroundDelivery(ObjectType type, UpdateFrequency frequency,
@@ -76,7 +83,7 @@ class HoldingStore : public HealthStore {
     store_->disableAllBackgroundDelivery(std::move(completion));
   }
 
-  // Waits until `count` anchored queries are held, and for a moment longer to see no more.
+  // Waits until `count` results are held, and for a moment longer to see no more come.
   std::size_t held(std::size_t count) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (size() < count && std::chrono::steady_clock::now() < deadline) {
@@ -86,13 +93,13 @@ class HoldingStore : public HealthStore {
     return size();
   }
   void releaseOne() {
-    std::shared_ptr<Query> query;
+    std::function<void()> deliver;
     {
       std::lock_guard lock(mutex_);
-      query = held_.front();
+      deliver = std::move(held_.front());
       held_.erase(held_.begin());
     }
-    store_->executeQuery(std::move(query));
+    deliver();
   }
 
  private:
@@ -103,7 +110,7 @@ class HoldingStore : public HealthStore {
 
   std::shared_ptr<HealthStore> store_;
   mutable std::mutex mutex_;
-  std::vector<std::shared_ptr<Query>> held_;
+  std::vector<std::function<void()>> held_;
 };
 
 class CollectorTest : public ::testing::Test {
@@ -189,6 +196,7 @@ TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept
   properties.endDate = properties.startDate;
   properties.sourceRevision = SourceRevision{Source{"Scale", "com.example.scale"}, "1", "", {1}};
   const auto weigh = [&](double kilograms) {
+    properties.uuid = Uuid::random();
     properties.startDate += std::chrono::hours(1);
     properties.endDate = properties.startDate;
     ASSERT_TRUE(
@@ -227,7 +235,8 @@ TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept
   const auto anchor = anchors.storedAnchor(kBodyMass);
   ASSERT_TRUE(anchor);
 
-  // A disconnect while a fetch is under way: its delivery writes no file and stores no anchor.
+  // A disconnect while a fetch's results are on their way: they write no file and store no
+  // anchor.
   weigh(71);
   body->fetchNewSamples(SampleFamily::bodyMeasurements,
                         ObjectType::quantityType(kBodyMass).value());
