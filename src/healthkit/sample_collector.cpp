@@ -41,6 +41,23 @@ std::string_view filePrefix(SampleFamily family) {
   return "";
 }
 
+std::size_t SampleCollector::fetchLimit(SampleFamily family) {
+  // Samples of one fetch: a first sync of years goes in pages that each end in files before
+  // the next is read. Workouts bring their heart rates and electrocardiograms their voltages,
+  // so their pages are short.
+  switch (family) {
+    case SampleFamily::workouts:
+      return 50;
+    case SampleFamily::electrocardiograms:
+      return 10;
+    case SampleFamily::sleep:
+    case SampleFamily::mindfulSessions:
+    case SampleFamily::bodyMeasurements:
+      break;
+  }
+  return kMaximumDataPointsPerFile;
+}
+
 std::shared_ptr<SampleCollector> SampleCollector::make(Environment environment) {
   return std::shared_ptr<SampleCollector>(new SampleCollector(std::move(environment)));
 }
@@ -218,9 +235,10 @@ void SampleCollector::fetchNewSamples(SampleFamily family, const ObjectType& typ
   auto predicate =
       predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
   const auto anchor = environment_.anchors->storedAnchor(type.identifier());
+  const auto limit = fetchLimit(family);
   execute(AnchoredObjectQuery::make(
-      type, std::move(predicate), anchor, kObjectQueryNoLimit,
-      [weak = weak_from_this(), family, type, generation, settings = std::move(*settings)](
+      type, std::move(predicate), anchor, limit,
+      [weak = weak_from_this(), family, type, generation, limit, settings = std::move(*settings)](
           const std::shared_ptr<AnchoredObjectQuery>& query,
           Result<AnchoredObjectResults> results) mutable {
         auto self = weak.lock();
@@ -231,16 +249,18 @@ void SampleCollector::fetchNewSamples(SampleFamily family, const ObjectType& typ
         self->forget(*query);
         auto samples = checkResults(*query, results);
         if (!results) {
-          self->fetchEnded(family, type, generation);
+          self->fetchEnded(family, type, generation, false);
           return;
         }
+        // A full page: more may wait behind it, fetched once this one is written.
+        const bool more = samples.size() + results->deletedObjects.size() >= limit;
         if (samples.empty()) {
           self->settle(type, results->newAnchor, generation);
-          self->fetchEnded(family, type, generation);
+          self->fetchEnded(family, type, generation, more);
           return;
         }
         self->deliver(family, type, std::move(settings), std::move(samples), results->newAnchor,
-                      generation);
+                      generation, more);
       }));
 }
 
@@ -263,7 +283,7 @@ void SampleCollector::settle(const ObjectType& type, std::optional<QueryAnchor> 
 }
 
 void SampleCollector::fetchEnded(SampleFamily family, const ObjectType& type,
-                                 std::uint64_t generation) {
+                                 std::uint64_t generation, bool more) {
   {
     std::lock_guard lock(mutex_);
     if (generation != generation_) {
@@ -271,7 +291,7 @@ void SampleCollector::fetchEnded(SampleFamily family, const ObjectType& type,
     }
     auto& state = fetches_[std::string(type.identifier())];
     state.running = false;
-    if (!std::exchange(state.again, false)) {
+    if (!std::exchange(state.again, false) && !more) {
       return;
     }
   }
@@ -332,24 +352,25 @@ void SampleCollector::encode(SampleFamily family, std::vector<SamplePtr> samples
 
 void SampleCollector::deliver(SampleFamily family, const ObjectType& type, Settings settings,
                               std::vector<SamplePtr> samples, QueryAnchor newAnchor,
-                              std::uint64_t generation) {
+                              std::uint64_t generation, bool more) {
   // The anchor moves only once the delivery is on disk (or proved unencodable, or its writes
   // failed for good): a crash in between fetches the batch again instead of losing it. A
   // delivery that lost a sample on the way (a failed sleep-stage query) keeps the anchor
   // back, so that the next fetch brings the sample again.
   encode(family, std::move(samples),
          [weak = weak_from_this(), family, type, settings = std::move(settings), newAnchor,
-          generation](DataPoints points, bool complete) {
+          generation, more](DataPoints points, bool complete) {
            auto self = weak.lock();
            if (!self) {
              return;
            }
            const std::optional<QueryAnchor> anchor =
                complete ? std::optional<QueryAnchor>(newAnchor) : std::nullopt;
-           auto settled = [weak, family, type, anchor, generation] {
+           // A page kept back is not fetched again at once: it would fail the same way.
+           auto settled = [weak, family, type, anchor, generation, more = more && complete] {
              if (auto self = weak.lock()) {
                self->settle(type, anchor, generation);
-               self->fetchEnded(family, type, generation);
+               self->fetchEnded(family, type, generation, more);
              }
            };
            if (points.empty() || !self->isCurrent(generation)) {

@@ -61,6 +61,9 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
   // At most this many data points go into one upload file.
   static constexpr std::size_t kMaximumDataPointsPerFile = 5000;
 
+  // At most this many samples and deletions of a family are fetched at a time.
+  static std::size_t fetchLimit(SampleFamily family);
+
   static std::shared_ptr<SampleCollector> make(Environment environment);
 
   // Stops what runs, fetches every family once, starts one observer per family and type, runs
@@ -70,9 +73,9 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
   // Stops every running query; what a fetch under way still delivers is dropped (no file, no
   // anchor), so that nothing of an earlier connection outlives a disconnect.
   void stopObserving();
-  // One anchored fetch of a family's type from its stored anchor; returns at once. While a
-  // fetch of the type is under way, it runs once more after that one instead: two fetches
-  // from the same anchor would write the same samples twice.
+  // One anchored fetch of a family's type from its stored anchor, a page at a time; returns at
+  // once. While a fetch of the type is under way, it runs once more after that one instead:
+  // two fetches from the same anchor would write the same samples twice.
   void fetchNewSamples(SampleFamily family, const ObjectType& type);
 
   std::size_t runningQueryCount() const;
@@ -103,15 +106,17 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
   void encode(SampleFamily family, std::vector<SamplePtr> samples,
               std::function<void(DataPoints, bool complete)> done);
   void deliver(SampleFamily family, const ObjectType& type, Settings settings,
-               std::vector<SamplePtr> samples, QueryAnchor newAnchor, std::uint64_t generation);
+               std::vector<SamplePtr> samples, QueryAnchor newAnchor, std::uint64_t generation,
+               bool more);
   void writeBatches(SampleFamily family, const Settings& settings, DataPoints points,
                     std::function<void()> settled);
   bool isCurrent(std::uint64_t generation) const;
   // Stores the anchor unless the fetch belongs to an earlier connection.
   void settle(const ObjectType& type, std::optional<QueryAnchor> newAnchor,
               std::uint64_t generation);
-  // Ends the fetch of `type`, and runs the one that waited for it.
-  void fetchEnded(SampleFamily family, const ObjectType& type, std::uint64_t generation);
+  // Ends the fetch of `type`, and runs the next one when a wake-up waited for it or `more`
+  // samples wait behind a full page.
+  void fetchEnded(SampleFamily family, const ObjectType& type, std::uint64_t generation, bool more);
 
   const Environment environment_;
   mutable std::mutex mutex_;  // owns the fields below

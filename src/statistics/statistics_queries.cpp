@@ -176,6 +176,16 @@ bool StatisticsPass::isCurrent(const Pass& pass) const {
   return pass.generation == generation_;
 }
 
+std::shared_ptr<StatisticsPass> StatisticsPass::answered(const std::weak_ptr<StatisticsPass>& weak,
+                                                         const Query& query, const Pass& pass) {
+  auto self = weak.lock();
+  if (!self) {
+    return nullptr;
+  }
+  self->forget(query);
+  return self->isCurrent(pass) ? self : nullptr;
+}
+
 void StatisticsPass::execute(std::shared_ptr<Query> query) {
   {
     std::lock_guard lock(mutex_);
@@ -250,12 +260,8 @@ void StatisticsPass::scanChanges(const std::shared_ptr<Pass>& pass,
       state.type, std::move(predicate), from, kChangesPerPage,
       [weak = weak_from_this(), pass, &state](const std::shared_ptr<AnchoredObjectQuery>& query,
                                               Result<AnchoredObjectResults> results) {
-        auto self = weak.lock();
+        auto self = answered(weak, *query, *pass);
         if (!self) {
-          return;
-        }
-        self->forget(*query);
-        if (!self->isCurrent(*pass)) {
           return;
         }
         const std::string identifier(state.type.identifier());
@@ -338,12 +344,8 @@ void StatisticsPass::nextWindow(const std::shared_ptr<Pass>& pass) {
     auto handler = [weak = weak_from_this(), pass, family, type, end](
                        const std::shared_ptr<StatisticsCollectionQuery>& query,
                        Result<StatisticsCollection> collection) {
-      auto self = weak.lock();
+      auto self = answered(weak, *query, *pass);
       if (!self) {
-        return;
-      }
-      self->forget(*query);
-      if (!self->isCurrent(*pass)) {
         return;
       }
       const auto& texts = textsOf(family);

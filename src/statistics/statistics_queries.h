@@ -82,6 +82,10 @@ class StatisticsPass : public std::enable_shared_from_this<StatisticsPass> {
   void windowRecorded(const std::shared_ptr<Pass>& pass, std::optional<Date> end);
   void finish();
   bool isCurrent(const Pass& pass) const;
+  // The pass of a query that answered, done with the query; none when the pass is gone or was
+  // stopped, and what the query brought is to be dropped.
+  static std::shared_ptr<StatisticsPass> answered(const std::weak_ptr<StatisticsPass>& weak,
+                                                  const Query& query, const Pass& pass);
   void execute(std::shared_ptr<Query> query);
   void forget(const Query& query);
 

@@ -14,6 +14,7 @@
 #include "server/server.h"
 #include "storage/anchor_store.h"
 #include "storage/token_store.h"
+#include "support/forwarding_health_store.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -54,13 +55,13 @@ SamplePtr category(std::string_view identifier, int value, Date start, Date end)
 
 // A host's own store in front of the embedded one: it lets every call through, but can refuse
 // the authorisation request, as a store can, or say that the device has no health data.
-class HostStore : public HealthStore {
+class HostStore : public testing::ForwardingHealthStore {
  public:
   enum class Mode { refusingAuthorization, withoutHealthData };
   HostStore(std::shared_ptr<HealthStore> store, Mode mode)
-      : store_(std::move(store)), mode_(mode) {}
+      : ForwardingHealthStore(std::move(store)), mode_(mode) {}
   bool isHealthDataAvailable() const override {
-    return mode_ != Mode::withoutHealthData && store_->isHealthDataAvailable();
+    return mode_ != Mode::withoutHealthData && store()->isHealthDataAvailable();
   }
   void requestAuthorization(std::set<ObjectType> share, std::set<ObjectType> read,
                             HealthStoreCompletion completion) override {
@@ -68,23 +69,10 @@ class HostStore : public HealthStore {
       completion(false, Error{"HealthStore", 5, "Authorization not determined"});
       return;
     }
-    store_->requestAuthorization(std::move(share), std::move(read), std::move(completion));
-  }
-  void executeQuery(std::shared_ptr<Query> query) override { store_->executeQuery(query); }
-  void stopQuery(const std::shared_ptr<Query>& query) override { store_->stopQuery(query); }
-  void enableBackgroundDelivery(ObjectType type, UpdateFrequency frequency,
-                                HealthStoreCompletion completion) override {
-    store_->enableBackgroundDelivery(type, frequency, std::move(completion));
-  }
-  void disableBackgroundDelivery(ObjectType type, HealthStoreCompletion completion) override {
-    store_->disableBackgroundDelivery(type, std::move(completion));
-  }
-  void disableAllBackgroundDelivery(HealthStoreCompletion completion) override {
-    store_->disableAllBackgroundDelivery(std::move(completion));
+    store()->requestAuthorization(std::move(share), std::move(read), std::move(completion));
   }
 
  private:
-  std::shared_ptr<HealthStore> store_;
   const Mode mode_;
 };
 

@@ -10,6 +10,7 @@
 #include "healthstore/embedded_health_store.h"
 #include "storage/file_server.h"
 #include "storage/token_store.h"
+#include "support/forwarding_health_store.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -48,21 +49,16 @@ TEST(HealthKitTypes, SetsAndSystemVersions) {
 // The embedded store, except that the results of anchored queries wait until the test releases
 // them, so that a test can see how many fetches run and what happens while one is under way.
 // Its mutex owns the held results.
-class HoldingStore : public HealthStore {
+class HoldingStore : public testing::ForwardingHealthStore {
  public:
-  explicit HoldingStore(std::shared_ptr<HealthStore> store) : store_(std::move(store)) {}
-  bool isHealthDataAvailable() const override { return store_->isHealthDataAvailable(); }
-  void requestAuthorization(std::set<ObjectType> share, std::set<ObjectType> read,
-                            HealthStoreCompletion completion) override {
-    store_->requestAuthorization(std::move(share), std::move(read), std::move(completion));
-  }
+  using ForwardingHealthStore::ForwardingHealthStore;
   void executeQuery(std::shared_ptr<Query> query) override {
     auto anchored = std::dynamic_pointer_cast<AnchoredObjectQuery>(query);
     if (!anchored) {
-      store_->executeQuery(std::move(query));
+      store()->executeQuery(std::move(query));
       return;
     }
-    store_->executeQuery(AnchoredObjectQuery::make(
+    store()->executeQuery(AnchoredObjectQuery::make(
         *anchored->objectType(), anchored->predicate(), anchored->anchor(), anchored->limit(),
         [this, anchored](const auto&, Result<AnchoredObjectResults> results) {
           std::lock_guard lock(mutex_);
@@ -70,17 +66,6 @@ class HoldingStore : public HealthStore {
             anchored->resultsHandler()(anchored, std::move(results));
           });
         }));
-  }
-  void stopQuery(const std::shared_ptr<Query>& query) override { store_->stopQuery(query); }
-  void enableBackgroundDelivery(ObjectType type, UpdateFrequency frequency,
-                                HealthStoreCompletion completion) override {
-    store_->enableBackgroundDelivery(type, frequency, std::move(completion));
-  }
-  void disableBackgroundDelivery(ObjectType type, HealthStoreCompletion completion) override {
-    store_->disableBackgroundDelivery(type, std::move(completion));
-  }
-  void disableAllBackgroundDelivery(HealthStoreCompletion completion) override {
-    store_->disableAllBackgroundDelivery(std::move(completion));
   }
 
   // Waits until `count` results are held, and for a moment longer to see no more come.
@@ -108,7 +93,6 @@ class HoldingStore : public HealthStore {
     return held_.size();
   }
 
-  std::shared_ptr<HealthStore> store_;
   mutable std::mutex mutex_;
   std::vector<std::function<void()>> held_;
 };
