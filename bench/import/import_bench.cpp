@@ -131,10 +131,20 @@ std::pair<double, unsigned long long> bareExpat(const fs::path& xml) {
 // samples dropped instead of stored. The gap to a full import is the store's share.
 class CountingSink final : public kestrova::ExportReaderSink {
  public:
-  void sample(kestrova::SamplePtr) override { ++count; }
+  kestrova::ImportBatch& batch() override { return batch_; }
+  void kept(std::string_view) override {
+    ++count;
+    if (batch_.samples.size() >= 10000) {
+      batch_ = {};
+    }
+  }
+  void part(std::string_view, std::size_t) override {}
   void skipped(const kestrova::Skip&, std::uint64_t) override { ++count; }
   bool afterBuffer(std::uint64_t) override { return true; }
   unsigned long long count = 0;
+
+ private:
+  kestrova::ImportBatch batch_;
 };
 
 std::pair<double, unsigned long long> readAndMap(const fs::path& xml) {

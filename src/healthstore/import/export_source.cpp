@@ -328,9 +328,10 @@ class ZipSource final : public ExportSource {
       if (name.ends_with('/') || isMacArtefact(name)) {
         continue;
       }
+      // Any file can be asked for by name: electrocardiograms, the route files workouts name.
+      source->indexes_.emplace_back(name, at);
       if (isElectrocardiogram(name)) {
         source->electrocardiograms_.push_back(name);
-        source->indexes_.emplace_back(name, at);
       } else if (endsWithIgnoringCase(name, kXmlSuffix) &&
                  looksLikeMainDocument(source->head(at))) {
         if (source->main_.empty() || stat.size > largest) {
@@ -443,6 +444,22 @@ bool startsWithZipMagic(const fs::path& path) {
 
 Error importError(std::int64_t code, std::string description) {
   return Error{std::string(kImportErrorDomain), code, std::move(description)};
+}
+
+std::optional<std::string> ExportSource::referencedName(std::string_view path) const {
+  while (path.starts_with('/')) {
+    path.remove_prefix(1);
+  }
+  const fs::path relative(path);
+  if (path.empty() || relative.is_absolute()) {
+    return std::nullopt;
+  }
+  for (const fs::path& part : relative) {
+    if (part == "..") {
+      return std::nullopt;
+    }
+  }
+  return (fs::path(mainDocumentName()).parent_path() / relative).generic_string();
 }
 
 Result<std::unique_ptr<ExportSource>> ExportSource::open(const std::filesystem::path& path) {
