@@ -224,15 +224,22 @@ class FolderSource final : public ExportSource {
     if (!file) {
       return file.error();
     }
-    std::string content(limit + 1, '\0');
-    content.resize(std::fread(content.data(), 1, content.size(), file.value().get()));
-    if (std::ferror(file.value().get())) {
-      return importError(kImportErrorRead, message(kCannotRead, {name, errnoText(errno)}));
+    // In pieces: the limit is far above what files hold, and reserving it would cost its size.
+    std::string content;
+    std::array<char, 65536> buffer{};
+    for (;;) {
+      const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), file.value().get());
+      if (std::ferror(file.value().get())) {
+        return importError(kImportErrorRead, message(kCannotRead, {name, errnoText(errno)}));
+      }
+      content.append(buffer.data(), count);
+      if (content.size() > limit) {
+        return importError(kImportErrorRead, message(kTooLarge, {name, std::to_string(limit)}));
+      }
+      if (count < buffer.size()) {
+        return content;
+      }
     }
-    if (content.size() > limit) {
-      return importError(kImportErrorRead, message(kTooLarge, {name, std::to_string(limit)}));
-    }
-    return content;
   }
 
  private:
