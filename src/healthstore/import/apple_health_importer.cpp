@@ -100,6 +100,16 @@ class ChunkWriter {
           [&](auto& item) -> Result<BatchOutcome> {
             using T = std::decay_t<decltype(item)>;
             if constexpr (std::is_same_v<T, ImportBatch>) {
+              // In type and start order, a chunk's identities are checked and inserted where
+              // the store's identity index already has the type's latest rows, instead of all
+              // over it. Sorted here: the reading thread is the busier one.
+              std::sort(item.samples.begin(), item.samples.end(),
+                        [](const SampleRow& a, const SampleRow& b) {
+                          // Types by the address of their static identifier: grouped, in no
+                          // meaningful order between them.
+                          return std::tuple(a.type.data(), a.start, a.uuid) <
+                                 std::tuple(b.type.data(), b.start, b.uuid);
+                        });
               return store_.saveBatch(item);
             } else {
               Result<std::size_t> added =
@@ -182,19 +192,11 @@ class ImportSink final : public ExportReaderSink {
     if (chunk_.empty()) {
       return;
     }
-    // In type and start order, a chunk's identities are checked and inserted where the
-    // store's identity index already has the type's latest rows, instead of all over it.
-    std::sort(chunk_.samples.begin(), chunk_.samples.end(),
-              [](const SampleRow& a, const SampleRow& b) {
-                // Types by the address of their static identifier: grouped, in no meaningful
-                // order between them.
-                return std::tuple(a.type.data(), a.start, a.uuid) <
-                       std::tuple(b.type.data(), b.start, b.uuid);
-              });
     for (std::size_t i = 0; i < chunk_.samples.size();) {
+      // Exports write the records of one type together: count runs.
       const std::string_view type = chunk_.samples[i].type;
       const std::size_t first = i;
-      while (i < chunk_.samples.size() && chunk_.samples[i].type == type) {
+      while (i < chunk_.samples.size() && chunk_.samples[i].type.data() == type.data()) {
         ++i;
       }
       samplesByType_[type] += i - first;

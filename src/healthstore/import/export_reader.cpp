@@ -573,8 +573,21 @@ std::size_t removeControlCharacters(char* data, std::size_t size) {
     const auto byte = static_cast<unsigned char>(c);
     return byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r';
   };
+  // Eight bytes at a time: a word without a byte below 0x20 (most of them: a line break comes
+  // every few hundred bytes) holds nothing to drop.
+  constexpr std::uint64_t kOnes = 0x0101010101010101;
+  constexpr std::uint64_t kHighBits = 0x8080808080808080;
+  std::size_t at = 0;
+  for (; at + 8 <= size; at += 8) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, data + at, 8);
+    if (((word - kOnes * 0x20) & ~word & kHighBits) != 0 &&
+        std::any_of(data + at, data + at + 8, isStray)) {
+      break;
+    }
+  }
   char* const end = data + size;
-  char* first = std::find_if(data, end, isStray);
+  char* first = std::find_if(data + at, end, isStray);
   if (first == end) {
     return size;
   }
