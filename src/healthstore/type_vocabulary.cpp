@@ -250,6 +250,10 @@ std::optional<Unit> StoredType::unit() const {
   return found == index().units.end() ? std::nullopt : found->second;
 }
 
+std::span<const StoredType> storedTypes() {
+  return kStoredTypes;
+}
+
 const StoredType* findStoredType(std::string_view identifier) {
   const auto found = index().byIdentifier.find(identifier);
   return found == index().byIdentifier.end() ? nullptr : found->second;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "platform/health/unit.h"
@@ -27,5 +28,7 @@ struct StoredType {
 
 // None for an identifier nobody has published yet.
 const StoredType* findStoredType(std::string_view identifier);
+// All of them.
+std::span<const StoredType> storedTypes();
 
 }  // namespace kestrova
