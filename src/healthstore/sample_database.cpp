@@ -35,7 +35,23 @@ constexpr int kWriterCheckpointPages = 8192;
 // The tables after voltages keep what belongs to samples (by their UUID) and what the export
 // holds besides samples.
 constexpr int kSchemaVersion = 2;
-constexpr const char* kSchema = R"sql(
+constexpr std::string_view kSampleTable = R"sql((
+  seq INTEGER PRIMARY KEY,
+  tx INTEGER NOT NULL,
+  uuid BLOB NOT NULL,
+  type_id INTEGER NOT NULL,
+  start_us INTEGER NOT NULL,
+  end_us INTEGER NOT NULL,
+  value REAL,
+  original_value REAL,
+  unit TEXT,
+  category INTEGER,
+  revision_id INTEGER NOT NULL,
+  user_entered INTEGER NOT NULL,
+  metadata TEXT,
+  details TEXT);
+)sql";
+constexpr std::string_view kSchemaHead = R"sql(
 CREATE TABLE IF NOT EXISTS store_state (
   id INTEGER PRIMARY KEY CHECK (id = 1),
   last_seq INTEGER NOT NULL,
@@ -56,21 +72,8 @@ CREATE TABLE IF NOT EXISTS revisions (
   os_minor INTEGER NOT NULL,
   os_patch INTEGER NOT NULL,
   device TEXT NOT NULL);
-CREATE TABLE IF NOT EXISTS samples (
-  seq INTEGER PRIMARY KEY,
-  tx INTEGER NOT NULL,
-  uuid BLOB NOT NULL,
-  type_id INTEGER NOT NULL,
-  start_us INTEGER NOT NULL,
-  end_us INTEGER NOT NULL,
-  value REAL,
-  original_value REAL,
-  unit TEXT,
-  category INTEGER,
-  revision_id INTEGER NOT NULL,
-  user_entered INTEGER NOT NULL,
-  metadata TEXT,
-  details TEXT);
+CREATE TABLE IF NOT EXISTS samples )sql";
+constexpr std::string_view kSchemaTail = R"sql(
 CREATE UNIQUE INDEX IF NOT EXISTS samples_identity ON samples (type_id, start_us, uuid);
 CREATE INDEX IF NOT EXISTS samples_by_type_start
   ON samples (type_id, start_us, end_us, value, revision_id, user_entered);
@@ -130,27 +133,12 @@ CREATE TABLE IF NOT EXISTS kept_elements (
   name TEXT NOT NULL,
   json TEXT NOT NULL) WITHOUT ROWID;
 CREATE INDEX IF NOT EXISTS kept_elements_by_name ON kept_elements (name);
-PRAGMA user_version = 2;
 )sql";
 
 // Stores of the first schema kept the UUID unique across the whole table. The table is copied
 // into the current form once, in change order, so every anchor handed out stays valid.
-constexpr const char* kMigrateFromVersion1 = R"sql(
-CREATE TABLE samples_current (
-  seq INTEGER PRIMARY KEY,
-  tx INTEGER NOT NULL,
-  uuid BLOB NOT NULL,
-  type_id INTEGER NOT NULL,
-  start_us INTEGER NOT NULL,
-  end_us INTEGER NOT NULL,
-  value REAL,
-  original_value REAL,
-  unit TEXT,
-  category INTEGER,
-  revision_id INTEGER NOT NULL,
-  user_entered INTEGER NOT NULL,
-  metadata TEXT,
-  details TEXT);
+constexpr std::string_view kMigrationHead = "CREATE TABLE samples_current ";
+constexpr std::string_view kMigrationTail = R"sql(
 INSERT INTO samples_current SELECT seq, tx, uuid, type_id, start_us, end_us, value,
   original_value, unit, category, revision_id, user_entered, metadata, details
   FROM samples ORDER BY seq;
@@ -296,11 +284,14 @@ Status setUpDatabase(SqliteDatabase& database) {
   legacy.value().reset();
   if (hasSamples.value()) {
     logInfo(kLogCategory, kLogMigrating, {});
-    if (Status failure = database.exec(kMigrateFromVersion1)) {
+    if (Status failure = database.exec(std::string(kMigrationHead) + std::string(kSampleTable) +
+                                       std::string(kMigrationTail))) {
       return failure;
     }
   }
-  if (Status failure = database.exec(kSchema)) {
+  if (Status failure = database.exec(
+          std::string(kSchemaHead) + std::string(kSampleTable) + std::string(kSchemaTail) +
+          "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";")) {
     return failure;
   }
   return transaction.value().commit();

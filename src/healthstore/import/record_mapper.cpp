@@ -187,6 +187,16 @@ std::optional<Skip> RecordMapper::commonProperties(const ExportedObject& object,
   return std::nullopt;
 }
 
+std::optional<Skip> RecordMapper::namedProperties(const ExportedObject& object,
+                                                  std::string_view type, Common& common) {
+  std::optional<Skip> failure = commonProperties(object, type, common);
+  if (!failure) {
+    appendMicros(name_, common.start);
+    appendMicros(name_, common.end);
+  }
+  return failure;
+}
+
 SampleRow RecordMapper::rowOf(std::string_view type, Common common) {
   SampleRow row;
   row.type = type;
@@ -289,11 +299,9 @@ MappedSample RecordMapper::mapRecord(const ExportedRecord& record, MappedParts* 
       return keptRecord(record);
     }
     Common common;
-    if (std::optional<Skip> failure = commonProperties(record, record.type, common)) {
+    if (std::optional<Skip> failure = namedProperties(record, record.type, common)) {
       return std::move(*failure);
     }
-    appendMicros(name_, common.start);
-    appendMicros(name_, common.end);
     name_ += canonicalNumber(*value);
     name_ += kSeparator;
     name_ += record.unit;
@@ -328,11 +336,9 @@ MappedSample RecordMapper::mapRecord(const ExportedRecord& record, MappedParts* 
     }
   }
   Common common;
-  if (std::optional<Skip> failure = commonProperties(record, record.type, common)) {
+  if (std::optional<Skip> failure = namedProperties(record, record.type, common)) {
     return std::move(*failure);
   }
-  appendMicros(name_, common.start);
-  appendMicros(name_, common.end);
   name_ += std::to_string(value);
   SampleRow row = rowOf(type->identifier, std::move(common));
   row.uuid = nameBasedUuid(name_);
@@ -397,16 +403,14 @@ MappedSample RecordMapper::mapWorkout(const ExportedWorkout& workout, MappedPart
     }
   }
 
-  Common common;
-  if (std::optional<Skip> failure = commonProperties(workout, kWorkoutTypeIdentifier, common)) {
-    return std::move(*failure);
-  }
   name_.assign(kWorkoutTypeIdentifier);
   name_ += kSeparator;
   name_ += workout.sourceName;
   name_ += kSeparator;
-  appendMicros(name_, common.start);
-  appendMicros(name_, common.end);
+  Common common;
+  if (std::optional<Skip> failure = namedProperties(workout, kWorkoutTypeIdentifier, common)) {
+    return std::move(*failure);
+  }
   name_ += std::to_string(details.workoutActivityType);
   name_ += kSeparator;
   name_ += canonicalNumber(details.duration);
@@ -464,17 +468,15 @@ MappedSample RecordMapper::mapCorrelation(const ExportedCorrelation& correlation
     return keptElement(kCorrelation,
                        json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   }
-  Common common;
-  if (std::optional<Skip> failure = commonProperties(correlation, correlation.type, common)) {
-    return std::move(*failure);
-  }
   // Identity: type, source, instants and the members' identities.
   name_.assign(correlation.type);
   name_ += kSeparator;
   name_ += correlation.sourceName;
   name_ += kSeparator;
-  appendMicros(name_, common.start);
-  appendMicros(name_, common.end);
+  Common common;
+  if (std::optional<Skip> failure = namedProperties(correlation, correlation.type, common)) {
+    return std::move(*failure);
+  }
   std::vector<Uuid> members = correlation.members;
   std::sort(members.begin(), members.end());
   for (const Uuid& member : members) {

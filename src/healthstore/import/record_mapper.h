@@ -154,6 +154,9 @@ class RecordMapper {
   const std::shared_ptr<const RevisionRecord>& revisionOf(const ExportedObject& object);
   std::optional<Skip> commonProperties(const ExportedObject& object, std::string_view type,
                                        Common& common);
+  // The same, with the instants added to the identity name begun in name_.
+  std::optional<Skip> namedProperties(const ExportedObject& object, std::string_view type,
+                                      Common& common);
   Metadata metadataOf(const ExportedMetadata& entries, std::size_t count);
   SampleRow rowOf(std::string_view type, Common common);
   KeptElementRow keptRecord(const ExportedRecord& record);
