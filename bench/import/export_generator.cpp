@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <random>
 #include <string>
@@ -49,7 +50,8 @@ using DateText = char[64];
 
 class Writer {
  public:
-  Writer(std::FILE* out, std::uint64_t seed) : out_(out), random_(seed) {}
+  Writer(std::FILE* out, std::uint64_t seed, fs::path routes)
+      : out_(out), random_(seed), routes_(std::move(routes)) {}
 
   // "2021-03-04 05:06:07 +0100" for a second of day `day`.
   const char* date(std::int64_t day, int second, DateText& buffer) {
@@ -128,6 +130,49 @@ class Writer {
         minutes, kWatchName, kWatchDevice, c, s, e, s, static_cast<unsigned long long>(records_), s,
         e, minutes, s, e, km, s, e, kcal, s, e, km, s, e, kPhoneName, c, s, e, s);
     ++records_;
+    route(day, start, end, s);
+  }
+
+  // The route file a workout names: a point every ten seconds along a loop.
+  void route(std::int64_t day, int start, int end, const DateText& startText) {
+    const fs::path path = routes_ / ("route_" + std::string(startText, 10) + "_6.15pm.gpx");
+    File gpx(std::fopen(path.c_str(), "wb"));
+    if (!gpx) {
+      return;
+    }
+    std::fputs(
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<gpx version=\"1.1\" creator=\"Apple "
+        "Health Export\" xmlns=\"http://www.topografix.com/GPX/1/1\">\n <trk><trkseg>\n",
+        gpx.get());
+    const std::int64_t epoch = (day + 18628) * 86400 - 3600;  // the +0100 of the dates
+    for (int at = start; at < end; at += 10) {
+      const std::time_t when = static_cast<std::time_t>(epoch + at);
+      std::tm utc{};
+      gmtime_r(&when, &utc);
+      char time[32];
+      std::strftime(time, sizeof time, "%Y-%m-%dT%H:%M:%SZ", &utc);
+      const double angle = (at - start) * 0.002;
+      std::fprintf(gpx.get(),
+                   "  <trkpt lon=\"%.6f\" lat=\"%.6f\"><ele>%.2f</ele><time>%s</time><extensions>"
+                   "<speed>%.3f</speed><course>%.1f</course><hAcc>%.2f</hAcc><vAcc>%.2f</vAcc>"
+                   "</extensions></trkpt>\n",
+                   2.35 + 0.01 * std::cos(angle), 48.85 + 0.01 * std::sin(angle), uniform(30, 40),
+                   time, uniform(2, 4), uniform(0, 360), uniform(2, 8), uniform(2, 6));
+    }
+    std::fputs(" </trkseg></trk>\n</gpx>\n", gpx.get());
+  }
+
+  void activitySummary(std::int64_t day) {
+    int y = 0, m = 0, d = 0;
+    civil(day, y, m, d);
+    std::fprintf(out_,
+                 " <ActivitySummary dateComponents=\"%04d-%02d-%02d\" activeEnergyBurned=\"%.3f\" "
+                 "activeEnergyBurnedGoal=\"630\" activeEnergyBurnedUnit=\"kcal\" "
+                 "appleMoveTime=\"0\" appleMoveTimeGoal=\"0\" appleExerciseTime=\"%d\" "
+                 "appleExerciseTimeGoal=\"30\" appleStandHours=\"%d\" "
+                 "appleStandHoursGoal=\"12\"/>\n",
+                 y, m, d, uniform(300, 900), integer(20, 90), integer(8, 16));
+    ++records_;
   }
 
   double uniform(double low, double high) {
@@ -139,6 +184,7 @@ class Writer {
  private:
   std::FILE* out_;
   std::mt19937_64 random_;
+  fs::path routes_;
   std::uint64_t records_ = 0;
 };
 
@@ -242,6 +288,7 @@ void writeDay(Writer& w, std::int64_t day) {
     w.category("HKCategoryTypeIdentifierMindfulSession", true, "HKCategoryValueNotApplicable", day,
                12 * 3600, 12 * 3600 + 300);
   }
+  w.activitySummary(day);
 }
 
 Status writeElectrocardiogram(const fs::path& path, std::int64_t day, Writer& w) {
@@ -308,6 +355,7 @@ Result<GeneratedExport> generateExport(const fs::path& out, const GeneratorOptio
   generated.xml = generated.folder / "export.xml";
   std::error_code error;
   fs::create_directories(generated.folder / "electrocardiograms", error);
+  fs::create_directories(generated.folder / "workout-routes", error);
   if (error) {
     return Error{"Generator", error.value(), "cannot create " + generated.folder.string()};
   }
@@ -316,7 +364,7 @@ Result<GeneratedExport> generateExport(const fs::path& out, const GeneratorOptio
     return Error{"Generator", errno, "cannot write " + generated.xml.string()};
   }
   std::setvbuf(xml.get(), nullptr, _IOFBF, 1 << 20);
-  Writer writer(xml.get(), options.seed);
+  Writer writer(xml.get(), options.seed, generated.folder / "workout-routes");
   std::fputs(kProlog, xml.get());
   const std::int64_t days =
       options.days > 0 ? options.days : std::int64_t{kDaysPerYear} * options.years;

@@ -1,7 +1,8 @@
 // A synthetic Apple Health export with the shape of a real one: years of data from an iPhone
 // and an Apple Watch with overlapping records, minute-level energy, heart rate with dense
-// workout bursts, sleep stages, newer-form workouts, weekly body measurements, mindful sessions
-// and monthly electrocardiogram files. Deterministic for a given seed. Single-threaded.
+// workout bursts, sleep stages, newer-form workouts with their route files, daily activity
+// summaries, weekly body measurements, mindful sessions and monthly electrocardiogram files.
+// Deterministic for a given seed. Single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +32,7 @@ struct GeneratedExport {
   std::filesystem::path folder;  // <out>/apple_health_export
   std::filesystem::path xml;     // its export.xml
   std::filesystem::path zip;     // <out>/export.zip when asked for
-  std::uint64_t records = 0;     // Record and Workout elements written
+  std::uint64_t records = 0;     // Record, Workout and ActivitySummary elements written
   std::uint64_t bytes = 0;       // size of export.xml
   int electrocardiograms = 0;
 };

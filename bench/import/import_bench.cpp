@@ -131,10 +131,20 @@ std::pair<double, unsigned long long> bareExpat(const fs::path& xml) {
 // samples dropped instead of stored. The gap to a full import is the store's share.
 class CountingSink final : public kestrova::ExportReaderSink {
  public:
-  void sample(kestrova::SamplePtr) override { ++count; }
+  kestrova::ImportBatch& batch() override { return batch_; }
+  void kept(std::string_view) override {
+    ++count;
+    if (batch_.samples.size() >= 10000) {
+      batch_ = {};
+    }
+  }
+  void part(std::string_view, std::size_t) override {}
   void skipped(const kestrova::Skip&, std::uint64_t) override { ++count; }
   bool afterBuffer(std::uint64_t) override { return true; }
   unsigned long long count = 0;
+
+ private:
+  kestrova::ImportBatch batch_;
 };
 
 std::pair<double, unsigned long long> readAndMap(const fs::path& xml) {
@@ -155,8 +165,12 @@ std::pair<double, unsigned long long> readAndMap(const fs::path& xml) {
   return {secondsSince(start), sink.count};
 }
 
-std::pair<double, unsigned long long> importInto(const fs::path& input, const fs::path& storeDir) {
-  fs::remove_all(storeDir);
+// `fresh`: into a new store; otherwise into what an earlier import left there.
+std::pair<double, unsigned long long> importInto(const fs::path& input, const fs::path& storeDir,
+                                                 bool fresh = true) {
+  if (fresh) {
+    fs::remove_all(storeDir);
+  }
   fs::create_directories(storeDir);
   kestrova::EmbeddedHealthStoreOptions options;
   options.path = storeDir / "healthstore.sqlite";
@@ -237,11 +251,15 @@ int main(int argc, char** argv) {
   std::string work = "/tmp/kestrova-import-bench";
   bool skipPython = false;
   bool xmlOnly = false;
+  bool reimport = false;
   app.add_option("--years", years, "Years of generated data")->capture_default_str();
   app.add_option("--work-dir", work, "Where the export and the stores go (not kept in git)")
       ->capture_default_str();
   app.add_flag("--no-python", skipPython, "Leave out the Python baseline");
   app.add_flag("--xml-only", xmlOnly, "Leave out the zip import");
+  app.add_flag("--reimport", reimport,
+               "Also import a newer export of the same history (one more day) into the store "
+               "the export.xml import made");
   CLI11_PARSE(app, argc, argv);
   kestrova::logging::setMinimumLevel(kestrova::LogLevel::error);
 
@@ -263,6 +281,19 @@ int main(int argc, char** argv) {
   const Figures bare = inChild([&] { return bareExpat(data.xml); });
   const Figures mapped = inChild([&] { return readAndMap(data.xml); });
   const Figures xmlImport = inChild([&] { return importInto(data.xml, root / "store-xml"); });
+  Figures plusDay;
+  if (reimport) {
+    kestrova::bench::GeneratorOptions newer = generatorOptions;
+    newer.zip = false;
+    newer.days = 365 * years + 1;
+    auto generatedNewer = kestrova::bench::generateExport(root / "export-plus-day", newer);
+    if (!generatedNewer) {
+      std::fprintf(stderr, "%s\n", generatedNewer.error().text().c_str());
+      return 1;
+    }
+    const fs::path newerXml = generatedNewer.value().xml;
+    plusDay = inChild([&] { return importInto(newerXml, root / "store-xml", false); });
+  }
   const Figures zipImport =
       xmlOnly ? Figures{} : inChild([&] { return importInto(data.zip, root / "store-zip"); });
   const Figures baseline = skipPython ? Figures{} : python(data.xml, root / "baseline.sqlite");
@@ -270,6 +301,9 @@ int main(int argc, char** argv) {
   print("bare expat, empty handlers", bare, data.records);
   print("read + map export.xml, no store", mapped, data.records);
   print("import export.xml", xmlImport, data.records);
+  if (reimport) {
+    print("re-import export.xml + 1 day", plusDay, data.records);
+  }
   if (!xmlOnly) {
     print("import export.zip (with ECG files)", zipImport, data.records);
   }
@@ -277,11 +311,15 @@ int main(int argc, char** argv) {
     print("python iterparse + sqlite3", baseline, data.records);
   }
   if (bare.ok && xmlImport.ok) {
-    std::printf("import time / bare expat time: %.2f wall, %.2f CPU (target at most 1.5)\n",
+    std::printf("import time / bare expat time: %.2f wall, %.2f CPU (target at most 2)\n",
                 xmlImport.seconds / bare.seconds, xmlImport.cpuSeconds / bare.cpuSeconds);
   }
+  if (bare.ok && plusDay.ok) {
+    std::printf("re-import time / bare expat time: %.2f wall, %.2f CPU (target at most 1.5)\n",
+                plusDay.seconds / bare.seconds, plusDay.cpuSeconds / bare.cpuSeconds);
+  }
   if (baseline.ok && xmlImport.ok) {
-    std::printf("import records/s / baseline records/s: %.2f wall, %.2f CPU (target at least 4)\n",
+    std::printf("import records/s / baseline records/s: %.2f wall, %.2f CPU (target at least 3)\n",
                 (static_cast<double>(xmlImport.records) / xmlImport.seconds) /
                     (static_cast<double>(baseline.records) / baseline.seconds),
                 (static_cast<double>(xmlImport.records) / xmlImport.cpuSeconds) /

@@ -252,6 +252,16 @@ Result<std::size_t> EmbeddedHealthStore::saveElectrocardiogram(
   return saved;
 }
 
+Result<BatchOutcome> EmbeddedHealthStore::saveBatch(const ImportBatch& batch) {
+  Result<BatchOutcome> saved = [&] {
+    std::lock_guard lock(writeMutex_);
+    return writer_.saveBatch(batch);
+  }();
+  // Observers hear of new samples only; what else a batch holds is not queried by them.
+  afterWrite(saved ? Result<std::size_t>(saved.value().added) : Result<std::size_t>(saved.error()));
+  return saved;
+}
+
 Result<std::size_t> EmbeddedHealthStore::deleteObjects(const std::vector<Uuid>& uuids) {
   Result<std::size_t> removed = [&] {
     std::lock_guard lock(writeMutex_);

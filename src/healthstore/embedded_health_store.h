@@ -85,6 +85,8 @@ class EmbeddedHealthStore final : public HealthStore,
   Result<std::size_t> saveElectrocardiogram(std::shared_ptr<const Electrocardiogram> sample,
                                             std::vector<double> volts);
   Result<std::size_t> deleteObjects(const std::vector<Uuid>& uuids);
+  // Rows of any stored type and what belongs to them, in one transaction (imports).
+  Result<BatchOutcome> saveBatch(const ImportBatch& batch);
 
   // The order in which sources win where their cumulative samples overlap, for one type:
   // these bundle identifiers first, in this order; then the default order: samples the user

@@ -54,6 +54,20 @@ Result<T> parseStored(std::string_view text, Parse parse) {
 
 }  // namespace
 
+bool wasUserEntered(const Metadata& metadata) {
+  const auto found = metadata.find(kMetadataKeyWasUserEntered);
+  if (found == metadata.end()) {
+    return false;
+  }
+  if (const bool* flag = std::get_if<bool>(&found->second)) {
+    return *flag;
+  }
+  if (const std::int64_t* number = std::get_if<std::int64_t>(&found->second)) {
+    return *number != 0;
+  }
+  return false;
+}
+
 std::optional<std::string> encodeMetadata(const Metadata& metadata) {
   if (metadata.empty()) {
     return std::nullopt;
@@ -194,11 +208,13 @@ Result<Electrocardiogram::Details> decodeElectrocardiogramDetails(std::string_vi
   });
 }
 
-Bytes encodeVoltages(const std::vector<double>& volts) {
+namespace {
+
+Bytes encodeDoubles(std::span<const double> values) {
   Bytes bytes;
-  bytes.reserve(volts.size() * 8);
-  for (double volt : volts) {
-    const auto bits = std::bit_cast<std::uint64_t>(volt);
+  bytes.reserve(values.size() * 8);
+  for (double value : values) {
+    const auto bits = std::bit_cast<std::uint64_t>(value);
     for (int shift = 0; shift < 64; shift += 8) {
       bytes.push_back(static_cast<std::uint8_t>(bits >> shift));
     }
@@ -206,17 +222,68 @@ Bytes encodeVoltages(const std::vector<double>& volts) {
   return bytes;
 }
 
-std::vector<double> decodeVoltages(std::span<const std::uint8_t> bytes) {
-  std::vector<double> volts;
-  volts.reserve(bytes.size() / 8);
+std::vector<double> decodeDoubles(std::span<const std::uint8_t> bytes) {
+  std::vector<double> values;
+  values.reserve(bytes.size() / 8);
   for (std::size_t i = 0; i + 8 <= bytes.size(); i += 8) {
     std::uint64_t bits = 0;
     for (int j = 7; j >= 0; --j) {
       bits = (bits << 8) | bytes[i + static_cast<std::size_t>(j)];
     }
-    volts.push_back(std::bit_cast<double>(bits));
+    values.push_back(std::bit_cast<double>(bits));
   }
-  return volts;
+  return values;
+}
+
+constexpr std::size_t kLocationFields = 8;
+constexpr std::size_t kBeatFields = 2;
+
+}  // namespace
+
+Bytes encodeVoltages(const std::vector<double>& volts) {
+  return encodeDoubles(volts);
+}
+
+std::vector<double> decodeVoltages(std::span<const std::uint8_t> bytes) {
+  return decodeDoubles(bytes);
+}
+
+Bytes encodeLocations(const std::vector<RouteLocation>& locations) {
+  std::vector<double> values;
+  values.reserve(locations.size() * kLocationFields);
+  for (const RouteLocation& at : locations) {
+    values.insert(values.end(), {at.time, at.latitude, at.longitude, at.altitude,
+                                 at.horizontalAccuracy, at.verticalAccuracy, at.course, at.speed});
+  }
+  return encodeDoubles(values);
+}
+
+std::vector<RouteLocation> decodeLocations(std::span<const std::uint8_t> bytes) {
+  const std::vector<double> values = decodeDoubles(bytes);
+  std::vector<RouteLocation> locations;
+  for (std::size_t i = 0; i + kLocationFields <= values.size(); i += kLocationFields) {
+    locations.push_back(RouteLocation{values[i], values[i + 1], values[i + 2], values[i + 3],
+                                      values[i + 4], values[i + 5], values[i + 6], values[i + 7]});
+  }
+  return locations;
+}
+
+Bytes encodeBeats(const std::vector<BeatRow>& beats) {
+  std::vector<double> values;
+  values.reserve(beats.size() * kBeatFields);
+  for (const BeatRow& beat : beats) {
+    values.insert(values.end(), {beat.secondsSinceStart, beat.beatsPerMinute});
+  }
+  return encodeDoubles(values);
+}
+
+std::vector<BeatRow> decodeBeats(std::span<const std::uint8_t> bytes) {
+  const std::vector<double> values = decodeDoubles(bytes);
+  std::vector<BeatRow> beats;
+  for (std::size_t i = 0; i + kBeatFields <= values.size(); i += kBeatFields) {
+    beats.push_back(BeatRow{values[i], values[i + 1]});
+  }
+  return beats;
 }
 
 }  // namespace kestrova

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "healthstore/stored_rows.h"
 #include "platform/health/sample.h"
 #include "platform/result.h"
 
@@ -21,6 +22,9 @@ inline std::int64_t storedTime(Date date) {
 inline Date dateFromStored(std::int64_t micros) {
   return Date(std::chrono::duration_cast<Date::duration>(std::chrono::microseconds(micros)));
 }
+
+// HKWasUserEntered as a flag: false when absent.
+bool wasUserEntered(const Metadata& metadata);
 
 // Empty metadata is stored as NULL, so both return none / take none for it.
 std::optional<std::string> encodeMetadata(const Metadata& metadata);
@@ -38,5 +42,10 @@ Result<Electrocardiogram::Details> decodeElectrocardiogramDetails(std::string_vi
 // Voltages in volts as little-endian IEEE doubles.
 Bytes encodeVoltages(const std::vector<double>& volts);
 std::vector<double> decodeVoltages(std::span<const std::uint8_t> bytes);
+// Route points and heart beats the same way, field after field.
+Bytes encodeLocations(const std::vector<RouteLocation>& locations);
+std::vector<RouteLocation> decodeLocations(std::span<const std::uint8_t> bytes);
+Bytes encodeBeats(const std::vector<BeatRow>& beats);
+std::vector<BeatRow> decodeBeats(std::span<const std::uint8_t> bytes);
 
 }  // namespace kestrova

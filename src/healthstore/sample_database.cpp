@@ -1,8 +1,10 @@
 #include "healthstore/sample_database.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <limits>
+#include <set>
 
 #include "healthstore/sample_codec.h"
 #include "platform/log.h"
@@ -12,6 +14,8 @@ namespace {
 
 constexpr std::string_view kLogCategory = "HealthStore";
 constexpr std::string_view kStoreName = "Health store";
+constexpr std::string_view kLogMigrating =
+    "Converting the health store to the current schema (once; takes a while for long histories)";
 
 // An importer in another process holds the write lock for the length of one chunk.
 constexpr std::chrono::milliseconds kBusyTimeout{10000};
@@ -22,7 +26,32 @@ constexpr int kWriterCheckpointPages = 8192;
 // seq is the change position: the rowid of samples and tombstones, drawn from store_state so
 // that inserts and deletes share one strictly increasing sequence. The start index carries
 // the columns statistics read, so a statistics scan never visits the table.
-constexpr const char* kSchema = R"sql(
+//
+// Identity is the UUID, kept unique within (type, start): imports write each type in time
+// order, so checking and inserting identities touches the pages at the end of each type's
+// range instead of random pages of an index over random UUIDs (which stopped fitting in the
+// cache and made imports super-linear). A UUID names its content, so its type and start.
+//
+// The tables after voltages keep what belongs to samples (by their UUID) and what the export
+// holds besides samples.
+constexpr int kSchemaVersion = 2;
+constexpr std::string_view kSampleTable = R"sql((
+  seq INTEGER PRIMARY KEY,
+  tx INTEGER NOT NULL,
+  uuid BLOB NOT NULL,
+  type_id INTEGER NOT NULL,
+  start_us INTEGER NOT NULL,
+  end_us INTEGER NOT NULL,
+  value REAL,
+  original_value REAL,
+  unit TEXT,
+  category INTEGER,
+  revision_id INTEGER NOT NULL,
+  user_entered INTEGER NOT NULL,
+  metadata TEXT,
+  details TEXT);
+)sql";
+constexpr std::string_view kSchemaHead = R"sql(
 CREATE TABLE IF NOT EXISTS store_state (
   id INTEGER PRIMARY KEY CHECK (id = 1),
   last_seq INTEGER NOT NULL,
@@ -43,21 +72,9 @@ CREATE TABLE IF NOT EXISTS revisions (
   os_minor INTEGER NOT NULL,
   os_patch INTEGER NOT NULL,
   device TEXT NOT NULL);
-CREATE TABLE IF NOT EXISTS samples (
-  seq INTEGER PRIMARY KEY,
-  tx INTEGER NOT NULL,
-  uuid BLOB NOT NULL UNIQUE,
-  type_id INTEGER NOT NULL,
-  start_us INTEGER NOT NULL,
-  end_us INTEGER NOT NULL,
-  value REAL,
-  original_value REAL,
-  unit TEXT,
-  category INTEGER,
-  revision_id INTEGER NOT NULL,
-  user_entered INTEGER NOT NULL,
-  metadata TEXT,
-  details TEXT);
+CREATE TABLE IF NOT EXISTS samples )sql";
+constexpr std::string_view kSchemaTail = R"sql(
+CREATE UNIQUE INDEX IF NOT EXISTS samples_identity ON samples (type_id, start_us, uuid);
 CREATE INDEX IF NOT EXISTS samples_by_type_start
   ON samples (type_id, start_us, end_us, value, revision_id, user_entered);
 CREATE INDEX IF NOT EXISTS samples_by_type ON samples (type_id);
@@ -76,6 +93,57 @@ CREATE INDEX IF NOT EXISTS deleted_objects_by_type ON deleted_objects (type_id);
 CREATE TABLE IF NOT EXISTS voltages (
   uuid BLOB PRIMARY KEY,
   volts BLOB NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS workout_events (
+  workout_uuid BLOB NOT NULL,
+  position INTEGER NOT NULL,
+  type TEXT NOT NULL,
+  date_us INTEGER NOT NULL,
+  duration_s REAL,
+  metadata TEXT,
+  PRIMARY KEY (workout_uuid, position)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS workout_routes (
+  workout_uuid BLOB NOT NULL,
+  position INTEGER NOT NULL,
+  start_us INTEGER NOT NULL,
+  end_us INTEGER NOT NULL,
+  source_name TEXT NOT NULL,
+  metadata TEXT,
+  file_path TEXT,
+  locations BLOB,
+  PRIMARY KEY (workout_uuid, position)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS beat_series (
+  sample_uuid BLOB PRIMARY KEY,
+  beats BLOB NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS correlation_members (
+  correlation_uuid BLOB NOT NULL,
+  member_uuid BLOB NOT NULL,
+  PRIMARY KEY (correlation_uuid, member_uuid)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS activity_summaries (
+  day TEXT PRIMARY KEY,
+  active_energy_burned REAL,
+  active_energy_burned_goal REAL,
+  apple_move_time REAL,
+  apple_move_time_goal REAL,
+  apple_exercise_time REAL,
+  apple_exercise_time_goal REAL,
+  apple_stand_hours REAL,
+  apple_stand_hours_goal REAL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS kept_elements (
+  uuid BLOB PRIMARY KEY,
+  name TEXT NOT NULL,
+  json TEXT NOT NULL) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS kept_elements_by_name ON kept_elements (name);
+)sql";
+
+// Stores of the first schema kept the UUID unique across the whole table. The table is copied
+// into the current form once, in change order, so every anchor handed out stays valid.
+constexpr std::string_view kMigrationHead = "CREATE TABLE samples_current ";
+constexpr std::string_view kMigrationTail = R"sql(
+INSERT INTO samples_current SELECT seq, tx, uuid, type_id, start_us, end_us, value,
+  original_value, unit, category, revision_id, user_entered, metadata, details
+  FROM samples ORDER BY seq;
+DROP TABLE samples;
+ALTER TABLE samples_current RENAME TO samples;
 )sql";
 
 constexpr std::string_view kSampleColumns =
@@ -125,6 +193,15 @@ constexpr std::string_view kChangesSql =
     "UNION ALL SELECT seq, tx, type_id, start_us, end_us, category, 1 FROM deleted_objects "
     "WHERE seq > ?1 ORDER BY seq";
 
+// What a deleted sample takes with it.
+constexpr std::array<std::string_view, 5> kPartsByUuid = {
+    "DELETE FROM voltages WHERE uuid = ?1",
+    "DELETE FROM workout_events WHERE workout_uuid = ?1",
+    "DELETE FROM workout_routes WHERE workout_uuid = ?1",
+    "DELETE FROM beat_series WHERE sample_uuid = ?1",
+    "DELETE FROM correlation_members WHERE correlation_uuid = ?1",
+};
+
 constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
@@ -172,20 +249,6 @@ Result<Uuid> uuidFrom(std::span<const std::uint8_t> bytes) {
   return Uuid(raw);
 }
 
-bool wasUserEntered(const Metadata& metadata) {
-  const auto found = metadata.find(kMetadataKeyWasUserEntered);
-  if (found == metadata.end()) {
-    return false;
-  }
-  if (const bool* flag = std::get_if<bool>(&found->second)) {
-    return *flag;
-  }
-  if (const std::int64_t* number = std::get_if<std::int64_t>(&found->second)) {
-    return *number != 0;
-  }
-  return false;
-}
-
 Status setUpDatabase(SqliteDatabase& database) {
   if (Status failure = database.setBusyTimeout(kBusyTimeout)) {
     return failure;
@@ -198,7 +261,40 @@ Status setUpDatabase(SqliteDatabase& database) {
   if (Result<std::string> sync = database.pragma("synchronous", "NORMAL"); !sync) {
     return sync.error();
   }
-  return database.exec(kSchema);
+  Result<SqliteTransaction> transaction = database.begin(SqliteTransactionKind::immediate);
+  if (!transaction) {
+    return transaction.error();
+  }
+  Result<std::string> version = database.pragma("user_version");
+  if (!version) {
+    return version.error();
+  }
+  if (version.value() == std::to_string(kSchemaVersion)) {
+    return transaction.value().commit();
+  }
+  Result<SqliteStatement> legacy =
+      database.prepare("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'samples'");
+  if (!legacy) {
+    return legacy.error();
+  }
+  Result<bool> hasSamples = legacy.value().step();
+  if (!hasSamples) {
+    return hasSamples.error();
+  }
+  legacy.value().reset();
+  if (hasSamples.value()) {
+    logInfo(kLogCategory, kLogMigrating, {});
+    if (Status failure = database.exec(std::string(kMigrationHead) + std::string(kSampleTable) +
+                                       std::string(kMigrationTail))) {
+      return failure;
+    }
+  }
+  if (Status failure = database.exec(
+          std::string(kSchemaHead) + std::string(kSampleTable) + std::string(kSchemaTail) +
+          "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";")) {
+    return failure;
+  }
+  return transaction.value().commit();
 }
 
 }  // namespace
@@ -242,8 +338,8 @@ Result<SqliteStatement*> SampleDatabase::statement(SqliteStatement& slot, std::s
   return &slot;
 }
 
-Result<std::int64_t> SampleDatabase::typeId(const ObjectType& type, bool create) {
-  const std::string identifier(type.identifier());
+Result<std::int64_t> SampleDatabase::typeId(std::string_view identifierText, bool create) {
+  const std::string identifier(identifierText);
   if (const auto found = typeIds_.find(identifier); found != typeIds_.end()) {
     return found->second;
   }
@@ -301,33 +397,31 @@ Result<std::optional<ObjectType>> SampleDatabase::typeOf(std::int64_t id) {
   return ObjectType::fromIdentifier(found->second);
 }
 
-Result<std::int64_t> SampleDatabase::revisionId(const Sample& sample) {
-  const SourceRevision& revision = sample.sourceRevision();
+Result<std::int64_t> SampleDatabase::revisionId(const RevisionRecord& record) {
   // Imports repeat a handful of revisions for every sample; comparing fields is far cheaper
   // than building the key, which encodes the device as JSON.
   for (std::size_t i = 0; i < recentRevisions_.size(); ++i) {
     const RecentRevision& recent = recentRevisions_[i];
-    if (recent.record.revision == revision && recent.record.device == sample.device()) {
+    if (recent.record.revision == record.revision && recent.record.device == record.device) {
       const std::int64_t id = recent.id;
       std::rotate(recentRevisions_.begin(), recentRevisions_.begin() + static_cast<long>(i),
                   recentRevisions_.begin() + static_cast<long>(i) + 1);
       return id;
     }
   }
-  Result<std::int64_t> id = revisionIdByKey(sample);
+  Result<std::int64_t> id = revisionIdByKey(record);
   if (id) {
     if (recentRevisions_.size() == kRecentRevisions) {
       recentRevisions_.pop_back();
     }
-    recentRevisions_.insert(recentRevisions_.begin(),
-                            RecentRevision{RevisionRecord{revision, sample.device()}, id.value()});
+    recentRevisions_.insert(recentRevisions_.begin(), RecentRevision{record, id.value()});
   }
   return id;
 }
 
-Result<std::int64_t> SampleDatabase::revisionIdByKey(const Sample& sample) {
-  const SourceRevision& revision = sample.sourceRevision();
-  const std::string device = encodeDevice(sample.device());
+Result<std::int64_t> SampleDatabase::revisionIdByKey(const RevisionRecord& record) {
+  const SourceRevision& revision = record.revision;
+  const std::string device = encodeDevice(record.device);
   const OperatingSystemVersion& os = revision.operatingSystemVersion;
   std::string key = revision.source.name + '\x1f' + revision.source.bundleIdentifier + '\x1f' +
                     revision.version.value_or("\x1e") + '\x1f' +
@@ -361,7 +455,7 @@ Result<std::int64_t> SampleDatabase::revisionIdByKey(const Sample& sample) {
   const std::int64_t id = statement.columnInt64(0);
   statement.reset();
   revisionIds_.emplace(std::move(key), id);
-  revisions_[id] = RevisionRecord{revision, sample.device()};
+  revisions_[id] = record;
   return id;
 }
 
@@ -430,9 +524,66 @@ Result<Unit> SampleDatabase::unit(std::string_view text) {
   return parsed;
 }
 
+Result<SampleRow> sampleRow(const Sample& sample) {
+  SampleRow row;
+  row.uuid = sample.uuid();
+  row.type = sample.sampleType().identifier();
+  row.start = storedTime(sample.startDate());
+  row.end = storedTime(sample.endDate());
+  row.revision =
+      std::make_shared<RevisionRecord>(RevisionRecord{sample.sourceRevision(), sample.device()});
+  row.userEntered = wasUserEntered(sample.metadata());
+  row.metadata = encodeMetadata(sample.metadata());
+  switch (sample.sampleType().kind()) {
+    case ObjectKind::quantity: {
+      const Quantity& quantity = static_cast<const QuantitySample&>(sample).quantity();
+      const Unit canonical = sample.sampleType().canonicalUnit();
+      Result<double> value = quantity.doubleValue(canonical);
+      if (!value) {
+        return value.error();
+      }
+      row.value = value.value();
+      if (quantity.unit().unitString() != canonical.unitString()) {
+        row.originalValue = quantity.doubleValue(quantity.unit()).value();
+      }
+      row.unit = quantity.unit().unitString();
+      break;
+    }
+    case ObjectKind::category:
+      row.category = static_cast<const CategorySample&>(sample).value();
+      break;
+    case ObjectKind::workout:
+      row.details = encodeWorkoutDetails(static_cast<const Workout&>(sample).details());
+      break;
+    case ObjectKind::electrocardiogram:
+      row.details =
+          encodeElectrocardiogramDetails(static_cast<const Electrocardiogram&>(sample).details());
+      break;
+  }
+  return row;
+}
+
 Result<std::size_t> SampleDatabase::save(const std::vector<SamplePtr>& samples,
                                          const std::map<Uuid, std::vector<double>>& voltages) {
-  Result<std::size_t> saved = insertSamples(samples, voltages);
+  ImportBatch batch;
+  batch.samples.reserve(samples.size());
+  for (const SamplePtr& sample : samples) {
+    Result<SampleRow> row = sampleRow(*sample);
+    if (!row) {
+      return row.error();
+    }
+    batch.samples.push_back(std::move(row).value());
+  }
+  Result<BatchOutcome> saved = saveBatch(batch, voltages);
+  if (!saved) {
+    return saved.error();
+  }
+  return saved.value().added;
+}
+
+Result<BatchOutcome> SampleDatabase::saveBatch(
+    const ImportBatch& batch, const std::map<Uuid, std::vector<double>>& voltages) {
+  Result<BatchOutcome> saved = insertBatch(batch, voltages);
   if (!saved) {
     // Ids cached during a transaction that rolled back name rows that do not exist.
     typeIds_.clear();
@@ -444,24 +595,32 @@ Result<std::size_t> SampleDatabase::save(const std::vector<SamplePtr>& samples,
   return saved;
 }
 
-Result<std::size_t> SampleDatabase::insertSamples(
-    const std::vector<SamplePtr>& samples, const std::map<Uuid, std::vector<double>>& voltages) {
-  Result<SqliteTransaction> transaction = db_.begin(SqliteTransactionKind::immediate);
-  if (!transaction) {
-    return transaction.error();
-  }
+Result<std::pair<std::int64_t, std::int64_t>> SampleDatabase::changeCounter() {
   Result<SqliteStatement> state = db_.prepare("SELECT last_seq, last_tx FROM store_state");
   if (!state) {
     return state.error();
   }
-  if (Result<bool> row = state.value().step(); !row || !row.value()) {
+  Result<bool> row = state.value().step();
+  if (!row || !row.value()) {
     return row ? healthError(kHealthErrorDatabaseInaccessible, "The change counter is missing")
                : row.error();
   }
-  std::int64_t seq = state.value().columnInt64(0);
-  const std::int64_t tx = state.value().columnInt64(1) + 1;
-  state.value().reset();
+  return std::pair{state.value().columnInt64(0), state.value().columnInt64(1)};
+}
 
+Status SampleDatabase::storeChangeCounter(std::int64_t seq, std::int64_t tx) {
+  Result<SqliteStatement> update =
+      db_.prepare("UPDATE store_state SET last_seq = ?1, last_tx = ?2");
+  if (!update) {
+    return update.error();
+  }
+  update.value().bindInt64(1, seq);
+  update.value().bindInt64(2, tx);
+  return update.value().run();
+}
+
+Result<std::size_t> SampleDatabase::insertSampleRows(const std::vector<SampleRow>& samples,
+                                                     std::int64_t& seq, std::int64_t tx) {
   Result<SqliteStatement*> insert =
       statement(insertSample_,
                 "INSERT OR IGNORE INTO samples (seq, tx, uuid, type_id, start_us, end_us, value, "
@@ -473,76 +632,72 @@ Result<std::size_t> SampleDatabase::insertSamples(
   SqliteStatement& row = *insert.value();
   std::size_t added = 0;
   std::map<std::int64_t, std::int64_t> longest;  // per type id, of the samples added
-  std::optional<ObjectType> lastType;
+  std::string_view lastType;
   std::int64_t lastTypeId = 0;
-  for (const SamplePtr& sample : samples) {
+  const RevisionRecord* lastRevision = nullptr;
+  std::int64_t lastRevisionId = 0;
+  for (const SampleRow& sample : samples) {
     SqliteResetScope resetting(row);
-    std::vector<Status> binds;
-    // Chunks come grouped by type, so most samples repeat the previous one's type.
-    if (!lastType || !(*lastType == sample->sampleType())) {
-      Result<std::int64_t> found = typeId(sample->sampleType(), true);
+    // Chunks come grouped by type, and imports share one revision object among the samples
+    // of one source, so most samples repeat the previous one's.
+    if (lastType.empty() || sample.type != lastType) {
+      Result<std::int64_t> found = typeId(sample.type, true);
       if (!found) {
         return found.error();
       }
-      lastType = sample->sampleType();
+      lastType = sample.type;
       lastTypeId = found.value();
     }
-    Result<std::int64_t> revision = revisionId(*sample);
-    if (!revision) {
-      return revision.error();
-    }
-    binds.push_back(row.bindInt64(1, seq + 1));
-    binds.push_back(row.bindInt64(2, tx));
-    binds.push_back(row.bindBlob(3, uuidBytes(sample->uuid())));
-    binds.push_back(row.bindInt64(4, lastTypeId));
-    binds.push_back(row.bindInt64(5, storedTime(sample->startDate())));
-    binds.push_back(row.bindInt64(6, storedTime(sample->endDate())));
-    binds.push_back(row.bindInt64(11, revision.value()));
-    binds.push_back(row.bindInt64(12, wasUserEntered(sample->metadata()) ? 1 : 0));
-    if (std::optional<std::string> metadata = encodeMetadata(sample->metadata())) {
-      binds.push_back(row.bindText(13, *metadata));
-    }
-    switch (sample->sampleType().kind()) {
-      case ObjectKind::quantity: {
-        const auto& quantitySample = static_cast<const QuantitySample&>(*sample);
-        const Quantity& quantity = quantitySample.quantity();
-        const Unit canonical = sample->sampleType().canonicalUnit();
-        Result<double> value = quantity.doubleValue(canonical);
-        if (!value) {
-          return value.error();
-        }
-        binds.push_back(row.bindDouble(7, value.value()));
-        if (quantity.unit().unitString() != canonical.unitString()) {
-          binds.push_back(row.bindDouble(8, quantity.doubleValue(quantity.unit()).value()));
-        }
-        binds.push_back(row.bindText(9, quantity.unit().unitString()));
-        break;
+    if (sample.revision.get() != lastRevision) {
+      if (!sample.revision) {
+        return healthError(kHealthErrorInvalidArgument, "A sample without a source");
       }
-      case ObjectKind::category:
-        binds.push_back(row.bindInt64(10, static_cast<const CategorySample&>(*sample).value()));
-        break;
-      case ObjectKind::workout:
-        binds.push_back(
-            row.bindText(14, encodeWorkoutDetails(static_cast<const Workout&>(*sample).details())));
-        break;
-      case ObjectKind::electrocardiogram:
-        binds.push_back(
-            row.bindText(14, encodeElectrocardiogramDetails(
-                                 static_cast<const Electrocardiogram&>(*sample).details())));
-        break;
+      Result<std::int64_t> revision = revisionId(*sample.revision);
+      if (!revision) {
+        return revision.error();
+      }
+      lastRevision = sample.revision.get();
+      lastRevisionId = revision.value();
     }
-    binds.push_back(row.run());
-    for (const Status& failure : binds) {
-      if (failure) {
-        return *failure;
+    std::array<Status, 16> binds;
+    std::size_t bound = 0;
+    binds[bound++] = row.bindInt64(1, seq + 1);
+    binds[bound++] = row.bindInt64(2, tx);
+    binds[bound++] = row.bindBlob(3, uuidBytes(sample.uuid));
+    binds[bound++] = row.bindInt64(4, lastTypeId);
+    binds[bound++] = row.bindInt64(5, sample.start);
+    binds[bound++] = row.bindInt64(6, sample.end);
+    if (sample.value) {
+      binds[bound++] = row.bindDouble(7, *sample.value);
+    }
+    if (sample.originalValue) {
+      binds[bound++] = row.bindDouble(8, *sample.originalValue);
+    }
+    if (!sample.unit.empty()) {
+      binds[bound++] = row.bindText(9, sample.unit, SqliteCopy::borrow);
+    }
+    if (sample.category) {
+      binds[bound++] = row.bindInt64(10, *sample.category);
+    }
+    binds[bound++] = row.bindInt64(11, lastRevisionId);
+    binds[bound++] = row.bindInt64(12, sample.userEntered ? 1 : 0);
+    if (sample.metadata) {
+      binds[bound++] = row.bindText(13, *sample.metadata, SqliteCopy::borrow);
+    }
+    if (sample.details) {
+      binds[bound++] = row.bindText(14, *sample.details, SqliteCopy::borrow);
+    }
+    binds[bound++] = row.run();
+    for (std::size_t i = 0; i < bound; ++i) {
+      if (binds[i]) {
+        return *binds[i];
       }
     }
     if (db_.changes() == 1) {
       ++seq;
       ++added;
       std::int64_t& duration = longest[lastTypeId];
-      duration =
-          std::max(duration, storedTime(sample->endDate()) - storedTime(sample->startDate()));
+      duration = std::max(duration, sample.end - sample.start);
     }
   }
   for (const auto& [type, duration] : longest) {
@@ -557,6 +712,145 @@ Result<std::size_t> SampleDatabase::insertSamples(
       return *failure;
     }
   }
+  return added;
+}
+
+// Runs `bind` then the statement for each item, counting the rows it changed.
+template <class T, class Bind>
+Result<std::size_t> SampleDatabase::insertEach(std::string_view sql, const std::vector<T>& items,
+                                               Bind bind) {
+  if (items.empty()) {
+    return std::size_t{0};
+  }
+  Result<SqliteStatement> prepared = db_.prepare(sql);
+  if (!prepared) {
+    return prepared.error();
+  }
+  SqliteStatement& statement = prepared.value();
+  std::size_t changed = 0;
+  for (const T& item : items) {
+    SqliteResetScope resetting(statement);
+    bind(statement, item);
+    if (Status failure = statement.run()) {
+      return *failure;
+    }
+    changed += static_cast<std::size_t>(db_.changes());
+  }
+  return changed;
+}
+
+Result<BatchOutcome> SampleDatabase::insertBatch(
+    const ImportBatch& batch, const std::map<Uuid, std::vector<double>>& voltages) {
+  Result<SqliteTransaction> transaction = db_.begin(SqliteTransactionKind::immediate);
+  if (!transaction) {
+    return transaction.error();
+  }
+  Result<std::pair<std::int64_t, std::int64_t>> counter = changeCounter();
+  if (!counter) {
+    return counter.error();
+  }
+  std::int64_t seq = counter.value().first;
+  const std::int64_t tx = counter.value().second + 1;
+
+  Result<std::size_t> samples = insertSampleRows(batch.samples, seq, tx);
+  if (!samples) {
+    return samples.error();
+  }
+  const auto optionalDouble = [](SqliteStatement& statement, int index,
+                                 const std::optional<double>& value) {
+    value ? statement.bindDouble(index, *value) : statement.bindNull(index);
+  };
+  const auto optionalText = [](SqliteStatement& statement, int index,
+                               const std::optional<std::string>& text) {
+    text ? statement.bindText(index, *text) : statement.bindNull(index);
+  };
+  // Parts of samples: written again by a repeated import, so kept once.
+  Result<std::size_t> parts[] = {
+      insertEach("INSERT OR IGNORE INTO workout_events (workout_uuid, position, type, date_us, "
+                 "duration_s, metadata) VALUES (?1, ?2, ?3, ?4, ?5, ?6)",
+                 batch.workoutEvents,
+                 [&](SqliteStatement& statement, const WorkoutEventRow& event) {
+                   statement.bindBlob(1, uuidBytes(event.workout));
+                   statement.bindInt64(2, event.position);
+                   statement.bindText(3, event.type);
+                   statement.bindInt64(4, event.date);
+                   optionalDouble(statement, 5, event.durationSeconds);
+                   optionalText(statement, 6, event.metadata);
+                 }),
+      // A route's points may come later than the route (from its file): those replace none.
+      insertEach("INSERT INTO workout_routes (workout_uuid, position, start_us, end_us, "
+                 "source_name, metadata, file_path, locations) VALUES (?1, ?2, ?3, ?4, ?5, ?6, "
+                 "?7, ?8) ON CONFLICT DO UPDATE SET locations = excluded.locations WHERE "
+                 "excluded.locations IS NOT NULL AND locations IS NULL",
+                 batch.workoutRoutes,
+                 [&](SqliteStatement& statement, const WorkoutRouteRow& route) {
+                   statement.bindBlob(1, uuidBytes(route.workout));
+                   statement.bindInt64(2, route.position);
+                   statement.bindInt64(3, route.start);
+                   statement.bindInt64(4, route.end);
+                   statement.bindText(5, route.sourceName);
+                   optionalText(statement, 6, route.metadata);
+                   optionalText(statement, 7, route.filePath);
+                   route.locations.empty()
+                       ? statement.bindNull(8)
+                       : statement.bindBlob(8, encodeLocations(route.locations));
+                 }),
+      insertEach("INSERT OR IGNORE INTO beat_series (sample_uuid, beats) VALUES (?1, ?2)",
+                 batch.beatSeries,
+                 [&](SqliteStatement& statement, const BeatSeriesRow& series) {
+                   statement.bindBlob(1, uuidBytes(series.sample));
+                   statement.bindBlob(2, encodeBeats(series.beats));
+                 }),
+      insertEach("INSERT OR IGNORE INTO correlation_members (correlation_uuid, member_uuid) "
+                 "VALUES (?1, ?2)",
+                 batch.correlationLinks,
+                 [&](SqliteStatement& statement, const CorrelationLink& link) {
+                   statement.bindBlob(1, uuidBytes(link.correlation));
+                   statement.bindBlob(2, uuidBytes(link.member));
+                 }),
+  };
+  for (const Result<std::size_t>& part : parts) {
+    if (!part) {
+      return part.error();
+    }
+  }
+  // A newer export has today's rings further along: the day's row takes the newer figures.
+  Result<std::size_t> summaries = insertEach(
+      "INSERT INTO activity_summaries (day, active_energy_burned, active_energy_burned_goal, "
+      "apple_move_time, apple_move_time_goal, apple_exercise_time, apple_exercise_time_goal, "
+      "apple_stand_hours, apple_stand_hours_goal) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9) "
+      "ON CONFLICT (day) DO UPDATE SET active_energy_burned = excluded.active_energy_burned, "
+      "active_energy_burned_goal = excluded.active_energy_burned_goal, apple_move_time = "
+      "excluded.apple_move_time, apple_move_time_goal = excluded.apple_move_time_goal, "
+      "apple_exercise_time = excluded.apple_exercise_time, apple_exercise_time_goal = "
+      "excluded.apple_exercise_time_goal, apple_stand_hours = excluded.apple_stand_hours, "
+      "apple_stand_hours_goal = excluded.apple_stand_hours_goal WHERE (active_energy_burned, "
+      "active_energy_burned_goal, apple_move_time, apple_move_time_goal, apple_exercise_time, "
+      "apple_exercise_time_goal, apple_stand_hours, apple_stand_hours_goal) IS NOT "
+      "(excluded.active_energy_burned, excluded.active_energy_burned_goal, "
+      "excluded.apple_move_time, excluded.apple_move_time_goal, excluded.apple_exercise_time, "
+      "excluded.apple_exercise_time_goal, excluded.apple_stand_hours, "
+      "excluded.apple_stand_hours_goal)",
+      batch.activitySummaries, [&](SqliteStatement& statement, const ActivitySummaryRow& day) {
+        statement.bindText(1, day.day);
+        int index = 2;
+        for (const std::optional<double>* value :
+             {&day.activeEnergyBurned, &day.activeEnergyBurnedGoal, &day.appleMoveTime,
+              &day.appleMoveTimeGoal, &day.appleExerciseTime, &day.appleExerciseTimeGoal,
+              &day.appleStandHours, &day.appleStandHoursGoal}) {
+          optionalDouble(statement, index++, *value);
+        }
+      });
+  Result<std::size_t> kept = insertEach(
+      "INSERT OR IGNORE INTO kept_elements (uuid, name, json) VALUES (?1, ?2, ?3)",
+      batch.keptElements, [&](SqliteStatement& statement, const KeptElementRow& element) {
+        statement.bindBlob(1, uuidBytes(element.uuid));
+        statement.bindText(2, element.name);
+        statement.bindText(3, element.json);
+      });
+  if (!summaries || !kept) {
+    return !summaries ? summaries.error() : kept.error();
+  }
   for (const auto& [uuid, volts] : voltages) {
     Result<SqliteStatement> store =
         db_.prepare("INSERT OR REPLACE INTO voltages (uuid, volts) VALUES (?1, ?2)");
@@ -569,24 +863,20 @@ Result<std::size_t> SampleDatabase::insertSamples(
       return *failure;
     }
   }
-  if (added == 0) {
-    // Nothing new: no transaction number is used and no observer wakes.
-    return added;
-  }
-  Result<SqliteStatement> update =
-      db_.prepare("UPDATE store_state SET last_seq = ?1, last_tx = ?2");
-  if (!update) {
-    return update.error();
-  }
-  update.value().bindInt64(1, seq);
-  update.value().bindInt64(2, tx);
-  if (Status failure = update.value().run()) {
-    return *failure;
+  BatchOutcome outcome;
+  outcome.added = samples.value() + summaries.value() + kept.value();
+  outcome.alreadyPresent = batch.samples.size() + batch.activitySummaries.size() +
+                           batch.keptElements.size() - outcome.added;
+  if (samples.value() != 0) {
+    // Only new samples use a transaction number and wake observers.
+    if (Status failure = storeChangeCounter(seq, tx)) {
+      return *failure;
+    }
   }
   if (Status failure = transaction.value().commit()) {
     return *failure;
   }
-  return added;
+  return outcome;
 }
 
 Result<std::size_t> SampleDatabase::remove(const std::vector<Uuid>& uuids, Date now) {
@@ -594,47 +884,80 @@ Result<std::size_t> SampleDatabase::remove(const std::vector<Uuid>& uuids, Date 
   if (!transaction) {
     return transaction.error();
   }
-  Result<SqliteStatement> state = db_.prepare("SELECT last_seq, last_tx FROM store_state");
-  if (!state) {
-    return state.error();
+  Result<std::pair<std::int64_t, std::int64_t>> counter = changeCounter();
+  if (!counter) {
+    return counter.error();
   }
-  if (Result<bool> row = state.value().step(); !row || !row.value()) {
-    return row ? healthError(kHealthErrorDatabaseInaccessible, "The change counter is missing")
-               : row.error();
-  }
-  std::int64_t seq = state.value().columnInt64(0);
-  const std::int64_t tx = state.value().columnInt64(1) + 1;
-  state.value().reset();
+  std::int64_t seq = counter.value().first;
+  const std::int64_t tx = counter.value().second + 1;
 
+  // Identities are indexed within their type and start only (see the schema), so the rows
+  // are found in one pass over the identity index, however many UUIDs are asked for.
+  std::set<Uuid> wanted(uuids.begin(), uuids.end());
+  std::vector<std::pair<std::int64_t, Uuid>> found;
+  {
+    Result<SqliteStatement> scan =
+        db_.prepare("SELECT seq, uuid FROM samples INDEXED BY samples_identity");
+    if (!scan) {
+      return scan.error();
+    }
+    while (found.size() < wanted.size()) {
+      Result<bool> next = scan.value().step();
+      if (!next) {
+        return next.error();
+      }
+      if (!next.value()) {
+        break;
+      }
+      Result<Uuid> uuid = uuidFrom(scan.value().columnBlobView(1));
+      if (uuid && wanted.contains(uuid.value())) {
+        found.emplace_back(scan.value().columnInt64(0), uuid.value());
+      }
+    }
+  }
+  // Deletions in the order asked, as the tombstones' positions tell.
+  std::map<Uuid, std::int64_t> rowOf;
+  for (const auto& [row, uuid] : found) {
+    rowOf.emplace(uuid, row);
+  }
   Result<SqliteStatement> tombstone = db_.prepare(
       "INSERT INTO deleted_objects (seq, tx, uuid, type_id, start_us, end_us, category, "
       "revision_id, metadata, deleted_at_us) SELECT ?1, ?2, uuid, type_id, start_us, end_us, "
-      "category, revision_id, metadata, ?3 FROM samples WHERE uuid = ?4");
-  Result<SqliteStatement> erase = db_.prepare("DELETE FROM samples WHERE uuid = ?1");
-  Result<SqliteStatement> eraseVoltages = db_.prepare("DELETE FROM voltages WHERE uuid = ?1");
-  if (!tombstone || !erase || !eraseVoltages) {
-    return !tombstone ? tombstone.error() : !erase ? erase.error() : eraseVoltages.error();
+      "category, revision_id, metadata, ?3 FROM samples WHERE seq = ?4");
+  Result<SqliteStatement> erase = db_.prepare("DELETE FROM samples WHERE seq = ?1");
+  if (!tombstone || !erase) {
+    return !tombstone ? tombstone.error() : erase.error();
   }
   std::size_t removed = 0;
   for (const Uuid& uuid : uuids) {
+    const auto row = rowOf.find(uuid);
+    if (row == rowOf.end()) {
+      continue;
+    }
     SqliteStatement& insert = tombstone.value();
     SqliteResetScope resetting(insert);
     insert.bindInt64(1, seq + 1);
     insert.bindInt64(2, tx);
     insert.bindInt64(3, storedTime(now));
-    insert.bindBlob(4, uuidBytes(uuid));
+    insert.bindInt64(4, row->second);
     if (Status failure = insert.run()) {
       return *failure;
     }
-    if (db_.changes() == 0) {
-      continue;
+    SqliteResetScope resettingErase(erase.value());
+    erase.value().bindInt64(1, row->second);
+    if (Status failure = erase.value().run()) {
+      return *failure;
     }
+    rowOf.erase(row);
     ++seq;
     ++removed;
-    for (SqliteStatement* deletion : {&erase.value(), &eraseVoltages.value()}) {
-      SqliteResetScope resettingDeletion(*deletion);
-      deletion->bindBlob(1, uuidBytes(uuid));
-      if (Status failure = deletion->run()) {
+    for (std::string_view sql : kPartsByUuid) {
+      Result<SqliteStatement> part = db_.prepare(sql);
+      if (!part) {
+        return part.error();
+      }
+      part.value().bindBlob(1, uuidBytes(uuid));
+      if (Status failure = part.value().run()) {
         return *failure;
       }
     }
@@ -642,14 +965,7 @@ Result<std::size_t> SampleDatabase::remove(const std::vector<Uuid>& uuids, Date 
   if (removed == 0) {
     return removed;
   }
-  Result<SqliteStatement> update =
-      db_.prepare("UPDATE store_state SET last_seq = ?1, last_tx = ?2");
-  if (!update) {
-    return update.error();
-  }
-  update.value().bindInt64(1, seq);
-  update.value().bindInt64(2, tx);
-  if (Status failure = update.value().run()) {
+  if (Status failure = storeChangeCounter(seq, tx)) {
     return *failure;
   }
   if (Status failure = transaction.value().commit()) {
@@ -743,7 +1059,7 @@ Result<AnchoredRows> SampleDatabase::anchored(const ObjectType& type,
                                               const std::optional<Predicate>& predicate,
                                               std::uint64_t after, std::size_t limit) {
   AnchoredRows rows;
-  Result<std::int64_t> id = typeId(type, false);
+  Result<std::int64_t> id = typeId(type.identifier(), false);
   if (!id) {
     return id.error();
   }
@@ -806,7 +1122,7 @@ Status SampleDatabase::scanWindow(const ObjectType& type, const std::optional<Pr
   if (!snapshot) {
     return snapshot.error();
   }
-  Result<std::int64_t> id = typeId(type, false);
+  Result<std::int64_t> id = typeId(type.identifier(), false);
   if (!id) {
     return id.error();
   }
@@ -895,6 +1211,169 @@ Result<std::optional<std::vector<double>>> SampleDatabase::voltages(const Uuid& 
     return std::optional<std::vector<double>>();
   }
   return std::optional<std::vector<double>>(decodeVoltages(select.value().columnBlobView(0)));
+}
+
+template <class T, class Read>
+Result<std::vector<T>> SampleDatabase::readEach(std::string_view sql,
+                                                std::optional<std::span<const std::uint8_t>> key,
+                                                Read read) {
+  Result<SqliteStatement> select = db_.prepare(sql);
+  if (!select) {
+    return select.error();
+  }
+  if (key) {
+    select.value().bindBlob(1, *key);
+  }
+  std::vector<T> rows;
+  while (true) {
+    Result<bool> next = select.value().step();
+    if (!next) {
+      return next.error();
+    }
+    if (!next.value()) {
+      return rows;
+    }
+    Result<T> row = read(select.value());
+    if (!row) {
+      return row.error();
+    }
+    rows.push_back(std::move(row).value());
+  }
+}
+
+namespace {
+
+std::optional<double> optionalColumn(const SqliteStatement& row, int column) {
+  return row.columnIsNull(column) ? std::nullopt : std::optional(row.columnDouble(column));
+}
+std::optional<std::string> optionalTextColumn(const SqliteStatement& row, int column) {
+  return row.columnIsNull(column) ? std::nullopt : std::optional(row.columnText(column));
+}
+
+}  // namespace
+
+Result<std::vector<WorkoutEventRow>> SampleDatabase::workoutEvents(const Uuid& workout) {
+  return readEach<WorkoutEventRow>(
+      "SELECT position, type, date_us, duration_s, metadata FROM workout_events WHERE "
+      "workout_uuid = ?1 ORDER BY position",
+      uuidBytes(workout), [&](const SqliteStatement& row) -> Result<WorkoutEventRow> {
+        return WorkoutEventRow{workout,
+                               row.columnInt64(0),
+                               row.columnText(1),
+                               row.columnInt64(2),
+                               optionalColumn(row, 3),
+                               optionalTextColumn(row, 4)};
+      });
+}
+
+Result<std::vector<WorkoutRouteRow>> SampleDatabase::workoutRoutes(const Uuid& workout) {
+  return readEach<WorkoutRouteRow>(
+      "SELECT position, start_us, end_us, source_name, metadata, file_path, locations FROM "
+      "workout_routes WHERE workout_uuid = ?1 ORDER BY position",
+      uuidBytes(workout), [&](const SqliteStatement& row) -> Result<WorkoutRouteRow> {
+        return WorkoutRouteRow{workout,
+                               row.columnInt64(0),
+                               row.columnInt64(1),
+                               row.columnInt64(2),
+                               row.columnText(3),
+                               optionalTextColumn(row, 4),
+                               optionalTextColumn(row, 5),
+                               decodeLocations(row.columnBlobView(6))};
+      });
+}
+
+Result<std::optional<BeatSeriesRow>> SampleDatabase::beatSeries(const Uuid& sample) {
+  Result<std::vector<BeatSeriesRow>> found = readEach<BeatSeriesRow>(
+      "SELECT beats FROM beat_series WHERE sample_uuid = ?1", uuidBytes(sample),
+      [&](const SqliteStatement& row) -> Result<BeatSeriesRow> {
+        return BeatSeriesRow{sample, decodeBeats(row.columnBlobView(0))};
+      });
+  if (!found) {
+    return found.error();
+  }
+  if (found.value().empty()) {
+    return std::optional<BeatSeriesRow>();
+  }
+  return std::optional<BeatSeriesRow>(std::move(found.value().front()));
+}
+
+Result<std::vector<Uuid>> SampleDatabase::correlationMembers(const Uuid& correlation) {
+  return readEach<Uuid>("SELECT member_uuid FROM correlation_members WHERE correlation_uuid = ?1",
+                        uuidBytes(correlation),
+                        [](const SqliteStatement& row) { return uuidFrom(row.columnBlobView(0)); });
+}
+
+Result<std::vector<ActivitySummaryRow>> SampleDatabase::activitySummaries() {
+  return readEach<ActivitySummaryRow>(
+      "SELECT day, active_energy_burned, active_energy_burned_goal, apple_move_time, "
+      "apple_move_time_goal, apple_exercise_time, apple_exercise_time_goal, apple_stand_hours, "
+      "apple_stand_hours_goal FROM activity_summaries ORDER BY day",
+      std::nullopt, [](const SqliteStatement& row) -> Result<ActivitySummaryRow> {
+        return ActivitySummaryRow{
+            row.columnText(0),      optionalColumn(row, 1), optionalColumn(row, 2),
+            optionalColumn(row, 3), optionalColumn(row, 4), optionalColumn(row, 5),
+            optionalColumn(row, 6), optionalColumn(row, 7), optionalColumn(row, 8)};
+      });
+}
+
+Result<std::vector<KeptElementRow>> SampleDatabase::keptElements(std::string_view name) {
+  Result<std::vector<KeptElementRow>> all = readEach<KeptElementRow>(
+      "SELECT uuid, name, json FROM kept_elements ORDER BY name, json", std::nullopt,
+      [](const SqliteStatement& row) -> Result<KeptElementRow> {
+        Result<Uuid> uuid = uuidFrom(row.columnBlobView(0));
+        if (!uuid) {
+          return uuid.error();
+        }
+        return KeptElementRow{uuid.value(), row.columnText(1), row.columnText(2)};
+      });
+  if (!all) {
+    return all.error();
+  }
+  std::erase_if(all.value(), [&](const KeptElementRow& row) { return row.name != name; });
+  return all;
+}
+
+Result<std::vector<SampleRow>> SampleDatabase::sampleRows(std::string_view typeIdentifier) {
+  Result<std::int64_t> id = typeId(typeIdentifier, false);
+  if (!id) {
+    return id.error();
+  }
+  Result<SqliteStatement> select = db_.prepare(
+      "SELECT uuid, start_us, end_us, value, original_value, unit, category, user_entered, "
+      "metadata, details FROM samples WHERE type_id = ?1 ORDER BY seq");
+  if (!select) {
+    return select.error();
+  }
+  select.value().bindInt64(1, id.value());
+  std::vector<SampleRow> rows;
+  while (true) {
+    Result<bool> next = select.value().step();
+    if (!next) {
+      return next.error();
+    }
+    if (!next.value()) {
+      return rows;
+    }
+    const SqliteStatement& row = select.value();
+    Result<Uuid> uuid = uuidFrom(row.columnBlobView(0));
+    if (!uuid) {
+      return uuid.error();
+    }
+    SampleRow sample;
+    sample.uuid = uuid.value();
+    sample.start = row.columnInt64(1);
+    sample.end = row.columnInt64(2);
+    sample.value = optionalColumn(row, 3);
+    sample.originalValue = optionalColumn(row, 4);
+    sample.unit = optionalTextColumn(row, 5).value_or("");
+    if (!row.columnIsNull(6)) {
+      sample.category = row.columnInt64(6);
+    }
+    sample.userEntered = row.columnInt64(7) != 0;
+    sample.metadata = optionalTextColumn(row, 8);
+    sample.details = optionalTextColumn(row, 9);
+    rows.push_back(std::move(sample));
+  }
 }
 
 Result<std::vector<StoredChange>> SampleDatabase::changesAfter(std::uint64_t seq) {

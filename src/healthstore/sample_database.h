@@ -8,10 +8,12 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "healthstore/stored_rows.h"
 #include "platform/health/predicate.h"
 #include "platform/health/sample.h"
 #include "platform/linux/sqlite.h"
@@ -45,10 +47,8 @@ struct StatisticsRow {
   bool userEntered = false;
 };
 
-struct RevisionRecord {
-  SourceRevision revision;
-  std::optional<Device> device;
-};
+// The row of a sample, for saving it.
+Result<SampleRow> sampleRow(const Sample& sample);
 
 class SampleDatabase {
  public:
@@ -65,6 +65,10 @@ class SampleDatabase {
   // the electrocardiograms named in `voltages`. Returns how many samples were added.
   Result<std::size_t> save(const std::vector<SamplePtr>& samples,
                            const std::map<Uuid, std::vector<double>>& voltages);
+  // The same for rows of any type of the store's vocabulary and what belongs to them. Sorted
+  // by type and start, the identities are checked and inserted in index order.
+  Result<BatchOutcome> saveBatch(const ImportBatch& batch,
+                                 const std::map<Uuid, std::vector<double>>& voltages = {});
   // One transaction; each deleted sample leaves a tombstone. Returns how many were deleted.
   Result<std::size_t> remove(const std::vector<Uuid>& uuids, Date now);
   Status purgeDeletedObjects(Date deletedBefore);
@@ -81,6 +85,18 @@ class SampleDatabase {
   Result<RevisionRecord> revision(std::int64_t id);
   // None when no voltages are stored for the sample.
   Result<std::optional<std::vector<double>>> voltages(const Uuid& uuid);
+
+  // What the store keeps besides the platform's samples, by the sample it belongs to.
+  Result<std::vector<WorkoutEventRow>> workoutEvents(const Uuid& workout);
+  Result<std::vector<WorkoutRouteRow>> workoutRoutes(const Uuid& workout);
+  // None when the sample has no beats stored.
+  Result<std::optional<BeatSeriesRow>> beatSeries(const Uuid& sample);
+  Result<std::vector<Uuid>> correlationMembers(const Uuid& correlation);
+  Result<std::vector<ActivitySummaryRow>> activitySummaries();
+  Result<std::vector<KeptElementRow>> keptElements(std::string_view name);
+  // Samples of any stored type, also one the platform's type table does not know, in the
+  // order they were saved; their revisions are left out.
+  Result<std::vector<SampleRow>> sampleRows(std::string_view typeIdentifier);
 
   Result<std::vector<StoredChange>> changesAfter(std::uint64_t seq);
   Result<std::uint64_t> lastChange();
@@ -100,14 +116,25 @@ class SampleDatabase {
   Status scanWindow(const ObjectType& type, const std::optional<Predicate>& predicate,
                     SqliteStatement& slot, std::string_view sql,
                     const std::function<Status(SqliteStatement&)>& visit);
-  Result<std::int64_t> typeId(const ObjectType& type, bool create);
+  Result<std::int64_t> typeId(std::string_view identifier, bool create);
   Result<std::optional<ObjectType>> typeOf(std::int64_t id);
   Result<std::int64_t> longestDuration(std::int64_t typeId);
-  Result<std::int64_t> revisionId(const Sample& sample);
-  Result<std::int64_t> revisionIdByKey(const Sample& sample);
+  Result<std::int64_t> revisionId(const RevisionRecord& record);
+  Result<std::int64_t> revisionIdByKey(const RevisionRecord& record);
   Result<SamplePtr> decodeSample(const SqliteStatement& row);
-  Result<std::size_t> insertSamples(const std::vector<SamplePtr>& samples,
-                                    const std::map<Uuid, std::vector<double>>& voltages);
+  Result<BatchOutcome> insertBatch(const ImportBatch& batch,
+                                   const std::map<Uuid, std::vector<double>>& voltages);
+  // Adds the rows that are new, numbering them from seq + 1; returns how many were.
+  Result<std::size_t> insertSampleRows(const std::vector<SampleRow>& samples, std::int64_t& seq,
+                                       std::int64_t tx);
+  template <class T, class Read>
+  Result<std::vector<T>> readEach(std::string_view sql,
+                                  std::optional<std::span<const std::uint8_t>> key, Read read);
+  template <class T, class Bind>
+  Result<std::size_t> insertEach(std::string_view sql, const std::vector<T>& items, Bind bind);
+  // (last seq, last transaction number).
+  Result<std::pair<std::int64_t, std::int64_t>> changeCounter();
+  Status storeChangeCounter(std::int64_t seq, std::int64_t tx);
   Result<Unit> unit(std::string_view text);
 
   SqliteDatabase db_;

@@ -48,18 +48,19 @@ TEST(CliImportTest, JsonSummaryAndRepeatedImport) {
   const nlohmann::json summary = nlohmann::json::parse(first.out);
   EXPECT_EQ(summary["ok"], true);
   EXPECT_EQ(summary["read"], 6);
-  EXPECT_EQ(summary["added"], 3);
+  EXPECT_EQ(summary["added"], 6);
   EXPECT_EQ(summary["exportDate"], "2019-07-19 10:36:11 -0700");
   EXPECT_EQ(summary["samplesByType"]["HKWorkoutTypeIdentifier"], 1);
-  EXPECT_EQ(summary["skipped"]["unsupported element"]["ActivitySummary"]["count"], 2);
-  EXPECT_EQ(summary["skipped"]["unsupported element"]["ActivitySummary"]["firstLine"], 23);
+  EXPECT_EQ(summary["keptByKind"]["ActivitySummary"], 2);
+  EXPECT_EQ(summary["keptByKind"]["WorkoutRoute"], 1);
+  EXPECT_EQ(summary["skippedCount"], 0);
   EXPECT_TRUE(std::filesystem::exists(dir.path() / "healthstore.sqlite"));
 
   const CommandRun second = run(arguments);
   ASSERT_EQ(second.exitCode, 0) << second.out;
   const nlohmann::json again = nlohmann::json::parse(second.out);
   EXPECT_EQ(again["added"], 0);
-  EXPECT_EQ(again["alreadyPresent"], 3);
+  EXPECT_EQ(again["alreadyPresent"], 6);
 }
 
 TEST(CliImportTest, FailedImportExitsNonZeroWithThePosition) {
@@ -89,7 +90,8 @@ TEST(CliImportTest, FailedImportExitsNonZeroWithThePosition) {
   const CommandRun text = run("import '" + fixture("apple-health-parser/export.xml") +
                               "' --data-dir '" + dir.path().string() + "'");
   EXPECT_EQ(text.exitCode, 0);
-  EXPECT_NE(text.out.find("read 8, added 7"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("read 9, added 9"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("kept Record: 8"), std::string::npos) << text.out;
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "healthstore/import/ecg_csv.h"
+#include "healthstore/import/export_reader.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -42,6 +43,55 @@ TEST(ExportDateTest, RejectsOtherForms) {
         "2019-05-14 19:05:29 +0000 "}) {
     EXPECT_FALSE(parseExportDate(text).has_value()) << text;
   }
+}
+
+TEST(TimeOfDayTest, PhoneFormatsAndGpxTimes) {
+  struct Case {
+    std::string_view text;
+    std::optional<double> seconds;
+  };
+  const Case cases[] = {
+      {"08:33:44,67", 8 * 3600 + 33 * 60 + 44.67},
+      {"6:14:48.94 PM", 18 * 3600 + 14 * 60 + 48.94},
+      {"11:17:20.53 AM", 11 * 3600 + 17 * 60 + 20.53},
+      {"12:00:01 AM", 1},
+      {"12:00:01 PM", 12 * 3600 + 1},
+      {"23:59:59", 86399},
+      {"24:00:00", std::nullopt},
+      {"13:00:00 PM", std::nullopt},
+      {"8:3:4", std::nullopt},
+      {"08:33:44,", std::nullopt},
+      {"08:33:44;67", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    const std::optional<double> parsed = parseTimeOfDay(c.text);
+    ASSERT_EQ(parsed.has_value(), c.seconds.has_value()) << c.text;
+    if (parsed) {
+      EXPECT_NEAR(*parsed, *c.seconds, 1e-9) << c.text;
+    }
+  }
+  const double noon = static_cast<double>(std::chrono::duration_cast<std::chrono::seconds>(
+                                              utc(2019, 6, 11, 22, 0, 42).time_since_epoch())
+                                              .count());
+  EXPECT_EQ(parseUtcTimestamp("2019-06-11T22:00:42Z"), noon);
+  EXPECT_NEAR(parseUtcTimestamp("2019-06-11T22:00:42.25Z").value(), noon + 0.25, 1e-6);
+  EXPECT_FALSE(parseUtcTimestamp("2019-06-11 22:00:42Z").has_value());
+  EXPECT_FALSE(parseUtcTimestamp("2019-06-11T22:00:42+02:00").has_value());
+  EXPECT_EQ(exportTimeOfDay("2018-11-19 08:33:39 +0100"), 8 * 3600 + 33 * 60 + 39);
+}
+
+TEST(ControlCharactersTest, DroppedWhereverTheyAreKeepingLineBreaksAndTabs) {
+  // Strays at the start, inside and at the end of eight-byte words, and in the tail.
+  for (std::size_t at = 0; at < 20; ++at) {
+    std::string text = "<Record a=\"x\ty\"/>\r\n<R/>";
+    std::string expected = text;
+    text.insert(at, 1, '\x0b');
+    text += '\x01';
+    EXPECT_EQ(text.substr(0, removeControlCharacters(text.data(), text.size())), expected) << at;
+  }
+  std::string clean(100, 'a');
+  EXPECT_EQ(removeControlCharacters(clean.data(), clean.size()), 100u);
 }
 
 TEST(DeviceDescriptionTest, SplitsOnlyBeforeKnownKeys) {

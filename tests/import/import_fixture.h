@@ -75,6 +75,16 @@ class ImportFixture : public ::testing::Test {
     return results.ok() ? results.value() : std::vector<SamplePtr>{};
   }
 
+  // A second connection to the store's file, for what the platform's queries do not read.
+  SampleDatabase database() {
+    Result<SampleDatabase> opened = SampleDatabase::open(dir_.path() / "healthstore.sqlite");
+    if (!opened) {
+      ADD_FAILURE() << opened.error().text();
+      std::abort();
+    }
+    return std::move(opened).value();
+  }
+
   template <class T>
   std::vector<std::shared_ptr<const T>> samplesOf(std::string_view identifier) {
     std::vector<std::shared_ptr<const T>> typed;

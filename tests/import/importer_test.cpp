@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "healthstore/import/export_vocabulary.h"
+#include "healthstore/sample_codec.h"
 #include "import_fixture.h"
 
 namespace kestrova::testing {
@@ -30,10 +31,15 @@ using ImporterTest = ImportFixture;
 TEST_F(ImporterTest, OlderExportWithoutPrologAndWithWorkoutTotalsAsAttributes) {
   const ImportSummary summary = import(fixturePath("healthkit-to-sqlite/export.xml"));
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
-  EXPECT_EQ(summary.added, 3u);
+  // Nothing left out: the characteristics, both activity summaries, the route with its points.
   EXPECT_EQ(summary.read, 6u);
-  EXPECT_EQ(skips(summary, SkipReason::unsupportedElement, "ActivitySummary"), 2u);
-  EXPECT_EQ(skips(summary, SkipReason::unsupportedElement, "WorkoutRoute"), 1u);
+  EXPECT_EQ(summary.added, 6u);
+  EXPECT_EQ(summary.skippedCount(), 0u);
+  EXPECT_EQ(summary.keptByKind, (std::map<std::string, std::uint64_t>{{"ActivitySummary", 2},
+                                                                      {"Record", 2},
+                                                                      {"Workout", 1},
+                                                                      {"WorkoutRoute", 1},
+                                                                      {"kept as written", 1}}));
   EXPECT_EQ(summary.exportDate, "2019-07-19 10:36:11 -0700");
 
   const auto bmi = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBodyMassIndex");
@@ -79,19 +85,48 @@ TEST_F(ImporterTest, OlderExportWithoutPrologAndWithWorkoutTotalsAsAttributes) {
   EXPECT_NEAR(
       metadataValue<Quantity>(run, "HKWeatherHumidity").doubleValue(Unit::percent()).value(), 0.96,
       1e-12);
+
+  SampleDatabase stored = database();
+  const auto routes = stored.workoutRoutes(run.uuid()).value();
+  ASSERT_EQ(routes.size(), 1u);
+  EXPECT_EQ(routes[0].sourceName, "Simon’s iPhone");
+  EXPECT_EQ(routes[0].start, storedTime(utc(2016, 11, 14, 14, 25, 44)));
+  ASSERT_EQ(routes[0].locations.size(), 2u);
+  EXPECT_DOUBLE_EQ(routes[0].locations[1].latitude, 37.7777);
+  EXPECT_DOUBLE_EQ(routes[0].locations[1].longitude, -122.426);
+  EXPECT_DOUBLE_EQ(routes[0].locations[1].altitude, 21.2677);
+  EXPECT_DOUBLE_EQ(routes[0].locations[1].horizontalAccuracy, 2.40059);
+  EXPECT_DOUBLE_EQ(routes[0].locations[1].speed, 2.48034);
+  EXPECT_DOUBLE_EQ(routes[0].locations[0].time,
+                   static_cast<double>(storedTime(utc(2016, 11, 14, 14, 25, 44))) / 1e6);
+
+  const auto days = stored.activitySummaries().value();
+  ASSERT_EQ(days.size(), 2u);
+  EXPECT_EQ(days[0], (ActivitySummaryRow{"2016-11-15", 590.252, 630, std::nullopt, std::nullopt, 68,
+                                         30, 13, 12}));
+  EXPECT_EQ(days[1].day, "2016-11-16");
+  EXPECT_EQ(days[1].appleExerciseTime, 39);
+
+  const auto me = stored.keptElements("Me").value();
+  ASSERT_EQ(me.size(), 1u);
+  EXPECT_NE(me[0].json.find(R"("HKCharacteristicTypeIdentifierDateOfBirth":"1990-02-02")"),
+            std::string::npos);
 }
 
-TEST_F(ImporterTest, RecentExportWithSleepStagesAndTypesTheStoreDoesNotKeep) {
+TEST_F(ImporterTest, RecentExportWithSleepStagesAndATypeTheLibraryDoesNotReadYet) {
   const ImportSummary summary = import(fixturePath("apple-health-parser/export.xml"));
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
-  EXPECT_EQ(summary.read, 8u);
-  EXPECT_EQ(summary.added, 7u);
+  EXPECT_EQ(summary.read, 9u);
+  EXPECT_EQ(summary.added, 9u);
+  EXPECT_EQ(summary.skippedCount(), 0u);
   EXPECT_EQ(summary.locale, "en_NL");
-  // Reported with where it is, not dropped silently.
-  EXPECT_EQ(skips(summary, SkipReason::unknownType, "HKQuantityTypeIdentifierAppleStandTime"), 1u);
-  EXPECT_EQ(
-      summary.skipped.at("unknown type").at("HKQuantityTypeIdentifierAppleStandTime").firstLine,
-      37u);
+  // A type the library does not read yet is stored all the same, in its canonical unit.
+  EXPECT_EQ(summary.samplesByType.at("HKQuantityTypeIdentifierAppleStandTime"), 1u);
+  const auto standTime = database().sampleRows("HKQuantityTypeIdentifierAppleStandTime").value();
+  ASSERT_EQ(standTime.size(), 1u);
+  EXPECT_EQ(standTime[0].value, 2);
+  EXPECT_EQ(standTime[0].unit, "min");
+  EXPECT_EQ(standTime[0].start, storedTime(utc(2023, 12, 31, 23, 10, 0)));
 
   const auto sleep = samplesOf<CategorySample>(kSleepAnalysisIdentifier);
   ASSERT_EQ(sleep.size(), 2u);
@@ -114,8 +149,19 @@ TEST_F(ImporterTest, RecentExportWithSleepStagesAndTypesTheStoreDoesNotKeep) {
 TEST_F(ImporterTest, FrenchExportWithVersion8DoctypeConvertsUnits) {
   const ImportSummary summary = import(fixturePath("healthkit-parser/exporter.xml"));
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
-  EXPECT_EQ(summary.added, 13u);
-  EXPECT_EQ(skips(summary, SkipReason::unsupportedElement, "HeartRateVariabilityMetadataList"), 1u);
+  EXPECT_EQ(summary.added, 14u);
+  EXPECT_EQ(summary.skippedCount(), 0u);
+  EXPECT_EQ(summary.keptByKind.at("HeartRateVariabilityMetadataList"), 1u);
+
+  // The beat at "08:33:44,67" of a record that starts at 08:33:39.
+  const auto variability =
+      samplesOf<QuantitySample>("HKQuantityTypeIdentifierHeartRateVariabilitySDNN");
+  ASSERT_EQ(variability.size(), 1u);
+  const auto beats = database().beatSeries(variability[0]->uuid()).value();
+  ASSERT_TRUE(beats.has_value());
+  ASSERT_EQ(beats->beats.size(), 1u);
+  EXPECT_NEAR(beats->beats[0].secondsSinceStart, 5.67, 1e-9);
+  EXPECT_EQ(beats->beats[0].beatsPerMinute, 78);
 
   const auto height = samplesOf<QuantitySample>("HKQuantityTypeIdentifierHeight");
   ASSERT_EQ(height.size(), 1u);
@@ -147,7 +193,7 @@ TEST_F(ImporterTest, ReimportingAddsNothingAlsoWhenTheExportOffsetChanged) {
   const ImportSummary again = import(fixturePath("healthkit-parser/exporter.xml"));
   ASSERT_TRUE(again.ok());
   EXPECT_EQ(again.added, 0u);
-  EXPECT_EQ(again.alreadyPresent, 13u);
+  EXPECT_EQ(again.alreadyPresent, 14u);
 
   // The same step record in an export made in summer: same instants, other offset text.
   const std::string shifted = R"(<HealthData locale="fr_FR">
@@ -216,26 +262,49 @@ TEST_F(ImporterTest, MalformedVersion12DoctypeControlCharactersAndCorrelations) 
  <Record type="HKCategoryTypeIdentifierMindfulSession" sourceName="Breathe" startDate="2019-06-01 08:00:00 -0700" endDate="2019-06-01 08:01:00 -0700"/>
  <Record type="HKCategoryTypeIdentifierSleepAnalysis" sourceName="iPhone" startDate="2019-06-01 00:00:00 -0700" endDate="2019-06-01 06:00:00 -0700" value="HKCategoryValueSleepAnalysisAsleep"/>
  <Record type="HKCategoryTypeIdentifierSleepAnalysis" sourceName="iPhone" startDate="2019-06-02 00:00:00 -0700" endDate="2019-06-02 06:00:00 -0700" value="HKCategoryValueSleepAnalysisDaydreaming"/>
+ <Record type="HKQuantityTypeIdentifierFutureThing" sourceName="Watch" unit="count" startDate="2022-09-30 11:00:00 -0700" endDate="2022-09-30 11:00:00 -0700" value="7">
+  <MetadataEntry key="HKFutureKey" value="a &amp; b"/>
+ </Record>
 </HealthData>
 )";
   writeText(dir_.path() / "v12" / "export.xml", text);
   const ImportSummary summary = import(dir_.path() / "v12" / "export.xml");
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
-  EXPECT_EQ(summary.added, 8u);
-  EXPECT_EQ(skips(summary, SkipReason::unsupportedElement, "Correlation"), 1u);
-  EXPECT_EQ(skips(summary, SkipReason::unknownUnit, "furlong"), 1u);
+  // The correlation and its two records (the same as the top-level ones), the unit, the
+  // category value and the identifier nobody knows kept as written; only the record without
+  // a date is lost.
+  EXPECT_EQ(summary.added, 12u);
+  EXPECT_EQ(summary.alreadyPresent, 2u);
+  EXPECT_EQ(summary.keptByKind.at("kept as written"), 3u);
+  EXPECT_EQ(summary.skippedCount(), 1u);
   EXPECT_EQ(skips(summary, SkipReason::unparsableDate, "HKQuantityTypeIdentifierBodyMass"), 1u);
-  EXPECT_EQ(
-      skips(summary, SkipReason::unknownCategoryValue, "HKCategoryValueSleepAnalysisDaydreaming"),
-      1u);
   // Line numbers are those of the file, DOCTYPE included.
-  EXPECT_EQ(summary.skipped.at("unknown unit").at("furlong").firstLine, 40u);
+  EXPECT_EQ(summary.skipped.at("unparsable date").at("HKQuantityTypeIdentifierBodyMass").firstLine,
+            42u);
 
-  // Correlation children are the top-level records again: one of each.
   const auto systolic = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBloodPressureSystolic");
   ASSERT_EQ(systolic.size(), 1u);
   EXPECT_EQ(systolic[0]->sourceRevision().source.name, "Omron");
-  EXPECT_EQ(samples("HKQuantityTypeIdentifierBloodPressureDiastolic").size(), 1u);
+  const auto diastolic =
+      samplesOf<QuantitySample>("HKQuantityTypeIdentifierBloodPressureDiastolic");
+  ASSERT_EQ(diastolic.size(), 1u);
+  SampleDatabase stored = database();
+  const auto pressure = stored.sampleRows("HKCorrelationTypeIdentifierBloodPressure").value();
+  ASSERT_EQ(pressure.size(), 1u);
+  auto members = stored.correlationMembers(pressure[0].uuid).value();
+  std::sort(members.begin(), members.end());
+  std::vector<Uuid> expected = {systolic[0]->uuid(), diastolic[0]->uuid()};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(members, expected);
+  const auto asWritten = stored.keptElements("Record").value();
+  ASSERT_EQ(asWritten.size(), 3u);
+  EXPECT_NE(asWritten[0].json.find("HKCategoryValueSleepAnalysisDaydreaming"), std::string::npos);
+  EXPECT_NE(asWritten[1].json.find(R"("unit":"furlong")"), std::string::npos);
+  EXPECT_EQ(asWritten[2].json,
+            R"({"type":"HKQuantityTypeIdentifierFutureThing","unit":"count","value":"7",)"
+            R"("sourceName":"Watch","startDate":"2022-09-30 11:00:00 -0700",)"
+            R"("endDate":"2022-09-30 11:00:00 -0700","MetadataEntry":[{"key":"HKFutureKey",)"
+            R"("value":"a & b"}]})");
 
   const auto glucose = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBloodGlucose");
   ASSERT_EQ(glucose.size(), 1u);
@@ -291,11 +360,23 @@ TEST_F(ImporterTest, NewerWorkoutsPreferStatisticsAndSumActivities) {
 </HealthData>
 )";
   writeText(dir_.path() / "workouts.xml", text);
+  // The route's points are in its file, UTC times, longitude first.
+  writeText(dir_.path() / "workout-routes" / "route_2025-09-16_6.15pm.gpx",
+            R"(<?xml version="1.0" encoding="UTF-8"?>
+<gpx version="1.1" creator="Apple Health Export" xmlns="http://www.topografix.com/GPX/1/1">
+ <metadata><time>2026-02-12T12:58:48Z</time></metadata>
+ <trk><name>Route 2025-09-16 6:15pm</name><trkseg>
+  <trkpt lon="2.35" lat="48.85"><ele>35.5</ele><time>2025-09-16T15:14:50Z</time><extensions><speed>2.5</speed><course>90</course><hAcc>4.5</hAcc><vAcc>3.5</vAcc></extensions></trkpt>
+  <trkpt lon="2.36" lat="48.86"><time>2025-09-16T15:14:51.5Z</time></trkpt>
+ </trkseg></trk>
+</gpx>
+)");
   const ImportSummary summary = import(dir_.path() / "workouts.xml");
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
   EXPECT_EQ(summary.added, 3u);
-  EXPECT_EQ(skips(summary, SkipReason::unsupportedElement, "WorkoutEvent"), 1u);
-  EXPECT_EQ(skips(summary, SkipReason::unsupportedElement, "WorkoutRoute"), 1u);
+  EXPECT_EQ(summary.skippedCount(), 0u);
+  EXPECT_EQ(summary.keptByKind.at("WorkoutEvent"), 2u);
+  EXPECT_EQ(summary.keptByKind.at("route file"), 1u);
 
   const auto workouts = samplesOf<Workout>(kWorkoutTypeIdentifier);
   ASSERT_EQ(workouts.size(), 3u);
@@ -320,6 +401,35 @@ TEST_F(ImporterTest, NewerWorkoutsPreferStatisticsAndSumActivities) {
   EXPECT_EQ(run.startDate(), utc(2025, 9, 16, 15, 14, 50));
   // The workout's own metadata, once each; none of its activity's or route's.
   EXPECT_EQ(run.metadata().size(), 2u);
+
+  // Its events, also those of its activity, in the order written, and its route.
+  SampleDatabase stored = database();
+  const auto events = stored.workoutEvents(run.uuid()).value();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].type, "HKWorkoutEventTypeSegment");
+  EXPECT_EQ(events[0].date, storedTime(utc(2025, 9, 16, 15, 14, 50)));
+  EXPECT_NEAR(events[0].durationSeconds.value(), 385.2, 1e-9);
+  EXPECT_EQ(events[1].type, "HKWorkoutEventTypeLap");
+  EXPECT_FALSE(events[1].durationSeconds.has_value());
+  EXPECT_TRUE(stored.workoutEvents(triathlon.uuid()).value().empty());
+  const auto routes = stored.workoutRoutes(run.uuid()).value();
+  ASSERT_EQ(routes.size(), 1u);
+  EXPECT_EQ(routes[0].filePath, "/workout-routes/route_2025-09-16_6.15pm.gpx");
+  EXPECT_NE(routes[0].metadata.value_or("").find("780F3459"), std::string::npos);
+  ASSERT_EQ(routes[0].locations.size(), 2u);
+  EXPECT_DOUBLE_EQ(routes[0].locations[0].latitude, 48.85);
+  EXPECT_DOUBLE_EQ(routes[0].locations[0].longitude, 2.35);
+  EXPECT_DOUBLE_EQ(routes[0].locations[0].altitude, 35.5);
+  EXPECT_DOUBLE_EQ(routes[0].locations[0].verticalAccuracy, 3.5);
+  EXPECT_DOUBLE_EQ(routes[0].locations[1].time - routes[0].locations[0].time, 1.5);
+  EXPECT_TRUE(std::isnan(routes[0].locations[1].speed));
+
+  // Again: nothing new, and the route keeps its points once.
+  const ImportSummary again = import(dir_.path() / "workouts.xml");
+  EXPECT_EQ(again.added, 0u);
+  EXPECT_EQ(again.alreadyPresent, 3u);
+  EXPECT_EQ(stored.workoutRoutes(run.uuid()).value().at(0).locations.size(), 2u);
+  EXPECT_EQ(stored.workoutEvents(run.uuid()).value().size(), 2u);
   EXPECT_EQ(metadataValue<std::string>(run, "HKTimeZone"), "Europe/Paris");
   EXPECT_EQ(metadataValue<std::int64_t>(run, "HKIndoorWorkout"), 0);
 }
@@ -457,7 +567,7 @@ TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
   EXPECT_EQ(summary.mainDocument, "apple_health_export/\xE5\xAF\xBC\xE5\x87\xBA.xml");
   EXPECT_EQ(summary.electrocardiograms, 2u);
-  EXPECT_EQ(summary.added, 9u);
+  EXPECT_EQ(summary.added, 11u);
 
   const auto recordings = samplesOf<Electrocardiogram>(kElectrocardiogramTypeIdentifier);
   ASSERT_EQ(recordings.size(), 2u);
@@ -486,7 +596,7 @@ TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
   const ImportSummary again = import(zip);
   ASSERT_TRUE(again.ok());
   EXPECT_EQ(again.added, 0u);
-  EXPECT_EQ(again.alreadyPresent, 9u);
+  EXPECT_EQ(again.alreadyPresent, 11u);
 }
 
 TEST_F(ImporterTest, UnpackedFolderFindsTheDocumentByContent) {
@@ -499,7 +609,7 @@ TEST_F(ImporterTest, UnpackedFolderFindsTheDocumentByContent) {
   const ImportSummary summary = import(dir_.path() / "unpacked");
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
   EXPECT_EQ(summary.mainDocument, "apple_health_export/Export.xml");
-  EXPECT_EQ(summary.added, 4u);
+  EXPECT_EQ(summary.added, 7u);
   EXPECT_EQ(summary.electrocardiograms, 1u);
 }
 

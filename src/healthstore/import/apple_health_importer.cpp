@@ -7,12 +7,14 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <tuple>
 #include <unordered_map>
 #include <variant>
 
 #include "healthstore/import/ecg_csv.h"
 #include "healthstore/import/export_reader.h"
 #include "healthstore/import/export_source.h"
+#include "healthstore/import/gpx_route.h"
 #include "platform/log.h"
 
 namespace kestrova {
@@ -31,8 +33,16 @@ constexpr std::size_t kElectrocardiogramLimit = 16 * 1024 * 1024;
 // Chunks waiting for the writer: parsing runs ahead by this many, and no more, so memory stays
 // flat when the store is the slower side (it is: it takes two thirds of the work).
 constexpr std::size_t kQueueDepth = 1;
+// Routes per transaction when their files are read: each holds thousands of points.
+constexpr std::size_t kRouteBatch = 16;
+// Kinds of the summary that are files rather than elements.
+constexpr std::string_view kRouteFileKind = "route file";
+constexpr std::string_view kElectrocardiogramKind = "electrocardiogram file";
 
-using Job = std::variant<std::vector<SamplePtr>, ParsedElectrocardiogram>;
+// Route files of a year's workouts are a few MB each at most.
+constexpr std::size_t kRouteFileLimit = 64 * 1024 * 1024;
+
+using Job = std::variant<ImportBatch, ParsedElectrocardiogram>;
 
 // Saves chunks on a thread of its own, in the order submitted.
 class ChunkWriter {
@@ -66,7 +76,7 @@ class ChunkWriter {
 
   bool failed() const { return failedFlag_.load(std::memory_order_relaxed); }
   std::uint64_t added() const { return added_.load(std::memory_order_relaxed); }
-  std::uint64_t written() const { return written_.load(std::memory_order_relaxed); }
+  std::uint64_t alreadyPresent() const { return alreadyPresent_.load(std::memory_order_relaxed); }
   Status failure() const {
     std::lock_guard lock(mutex_);
     return failure_;
@@ -86,16 +96,28 @@ class ChunkWriter {
         queue_.pop_front();
         changed_.notify_all();
       }
-      std::size_t count = 0;
-      Result<std::size_t> saved = std::visit(
-          [&](auto& item) -> Result<std::size_t> {
+      Result<BatchOutcome> saved = std::visit(
+          [&](auto& item) -> Result<BatchOutcome> {
             using T = std::decay_t<decltype(item)>;
-            if constexpr (std::is_same_v<T, std::vector<SamplePtr>>) {
-              count = item.size();
-              return store_.saveObjects(item);
+            if constexpr (std::is_same_v<T, ImportBatch>) {
+              // In type and start order, a chunk's identities are checked and inserted where
+              // the store's identity index already has the type's latest rows, instead of all
+              // over it. Sorted here: the reading thread is the busier one.
+              std::sort(item.samples.begin(), item.samples.end(),
+                        [](const SampleRow& a, const SampleRow& b) {
+                          // Types by the address of their static identifier: grouped, in no
+                          // meaningful order between them.
+                          return std::tuple(a.type.data(), a.start, a.uuid) <
+                                 std::tuple(b.type.data(), b.start, b.uuid);
+                        });
+              return store_.saveBatch(item);
             } else {
-              count = 1;
-              return store_.saveElectrocardiogram(item.sample, std::move(item.volts));
+              Result<std::size_t> added =
+                  store_.saveElectrocardiogram(item.sample, std::move(item.volts));
+              if (!added) {
+                return added.error();
+              }
+              return BatchOutcome{added.value(), 1 - added.value()};
             }
           },
           job);
@@ -107,8 +129,8 @@ class ChunkWriter {
         changed_.notify_all();
         return;
       }
-      added_ += saved.value();
-      written_ += count;
+      added_ += saved.value().added;
+      alreadyPresent_ += saved.value().alreadyPresent;
     }
   }
 
@@ -121,27 +143,35 @@ class ChunkWriter {
   // Mirrors of the writer thread's progress, for the reading thread's progress reports.
   std::atomic<bool> failedFlag_{false};
   std::atomic<std::uint64_t> added_{0};
-  std::atomic<std::uint64_t> written_{0};
+  std::atomic<std::uint64_t> alreadyPresent_{0};
   std::thread thread_;  // last: starts after the members it uses exist
 };
 
-// Collects mapped samples into chunks and keeps the counts. Owned by the reading thread.
+// A route whose points are in a file of the export, to be read once the main document is.
+struct RouteFile {
+  WorkoutRouteRow route;
+  std::string path;
+};
+
+// Collects mapped rows into chunks and keeps the counts. Owned by the reading thread.
 class ImportSink final : public ExportReaderSink {
  public:
   ImportSink(ChunkWriter& writer, ImportSummary& summary, const ImportOptions& options,
              std::uint64_t storedTotal)
-      : writer_(writer), summary_(summary), options_(options), storedTotal_(storedTotal) {
-    chunk_.reserve(options_.chunkSize);
-  }
+      : writer_(writer), summary_(summary), options_(options), storedTotal_(storedTotal) {}
 
-  void sample(SamplePtr sample) override {
+  ImportBatch& batch() override { return chunk_; }
+
+  void kept(std::string_view kind) override {
     ++summary_.read;
-    ++samplesByType_[sample->sampleType()];
-    chunk_.push_back(std::move(sample));
-    if (chunk_.size() >= options_.chunkSize) {
+    countKind(kind, 1);
+    if (chunk_.samples.size() + chunk_.keptElements.size() + chunk_.activitySummaries.size() >=
+        options_.chunkSize) {
       flush();
     }
   }
+
+  void part(std::string_view kind, std::size_t count) override { countKind(kind, count); }
 
   void skipped(const Skip& skip, std::uint64_t line) override {
     ++summary_.read;
@@ -159,23 +189,33 @@ class ImportSink final : public ExportReaderSink {
   }
 
   void flush() {
-    if (!chunk_.empty()) {
-      // Name-based identities are spread evenly, so a chunk in file order lands on random pages
-      // of the store's identity index; in identity order each page is visited once per chunk.
-      // Measured: a third less wall time, half the system time. Import order has no meaning
-      // of its own (the export groups records by type).
-      std::sort(chunk_.begin(), chunk_.end(),
-                [](const SamplePtr& a, const SamplePtr& b) { return a->uuid() < b->uuid(); });
-      writer_.submit(std::move(chunk_));
-      chunk_ = {};
-      chunk_.reserve(options_.chunkSize);
+    if (chunk_.empty()) {
+      return;
     }
+    for (std::size_t i = 0; i < chunk_.samples.size();) {
+      // Exports write the records of one type together: count runs.
+      const std::string_view type = chunk_.samples[i].type;
+      const std::size_t first = i;
+      while (i < chunk_.samples.size() && chunk_.samples[i].type.data() == type.data()) {
+        ++i;
+      }
+      samplesByType_[type] += i - first;
+    }
+    for (WorkoutRouteRow& route : chunk_.workoutRoutes) {
+      if (route.filePath && route.locations.empty()) {
+        routeFiles_.push_back(RouteFile{route, *route.filePath});
+      }
+    }
+    writer_.submit(std::move(chunk_));
+    chunk_ = ImportBatch();
   }
+
+  std::vector<RouteFile>& routeFiles() { return routeFiles_; }
 
   // Adds the per-type counts to the summary; once, at the end.
   void countTypes() {
     for (const auto& [type, count] : samplesByType_) {
-      summary_.samplesByType[std::string(type.identifier())] += count;
+      summary_.samplesByType[std::string(type)] += count;
     }
     samplesByType_.clear();
   }
@@ -187,15 +227,62 @@ class ImportSink final : public ExportReaderSink {
   }
 
  private:
+  void countKind(std::string_view kind, std::size_t count) {
+    // Element names repeat: the last kind is nearly always the same.
+    if (kind != lastKind_) {
+      lastKind_.assign(kind);
+      lastCount_ = &summary_.keptByKind[lastKind_];
+    }
+    *lastCount_ += count;
+  }
+
   ChunkWriter& writer_;
   ImportSummary& summary_;
   const ImportOptions& options_;
   std::uint64_t storedTotal_;
   std::uint64_t storedRead_ = 0;
-  std::vector<SamplePtr> chunk_;
-  std::unordered_map<ObjectType, std::uint64_t, ObjectTypeHash> samplesByType_;
+  ImportBatch chunk_;
+  std::vector<RouteFile> routeFiles_;
+  std::unordered_map<std::string_view, std::uint64_t> samplesByType_;
+  std::string lastKind_;
+  std::uint64_t* lastCount_ = nullptr;
   std::chrono::steady_clock::time_point lastReport_{};
 };
+
+// Routes whose points are in files: read after the main document, written with their workout's
+// identity. A file that cannot be read leaves the route without points, and is reported.
+void importRouteFiles(ExportSource& source, std::vector<RouteFile>& files, ChunkWriter& writer,
+                      ImportSummary& summary) {
+  ImportBatch batch;
+  for (RouteFile& file : files) {
+    if (writer.failed()) {
+      return;
+    }
+    const std::optional<std::string> name = source.referencedName(file.path);
+    Result<std::string> text =
+        name ? source.readSmallFile(*name, kRouteFileLimit)
+             : Result<std::string>(importError(kImportErrorCannotOpen, file.path));
+    Result<std::vector<RouteLocation>> points =
+        text ? parseGpxRoute(text.value(), file.path)
+             : Result<std::vector<RouteLocation>>(text.error());
+    if (!points) {
+      logError(kLogCategory, kLogUnreadableFile, {file.path, points.error().text()});
+      ++summary.read;
+      summary.addSkip(Skip{SkipReason::unreadableFile, file.path}, 0);
+      continue;
+    }
+    file.route.locations = std::move(points).value();
+    ++summary.keptByKind[std::string(kRouteFileKind)];
+    batch.workoutRoutes.push_back(std::move(file.route));
+    if (batch.workoutRoutes.size() >= kRouteBatch) {
+      writer.submit(std::move(batch));
+      batch = ImportBatch();
+    }
+  }
+  if (!batch.empty()) {
+    writer.submit(std::move(batch));
+  }
+}
 
 void importElectrocardiograms(ExportSource& source, ChunkWriter& writer, ImportSummary& summary) {
   for (const std::string& name : source.electrocardiogramNames()) {
@@ -213,6 +300,7 @@ void importElectrocardiograms(ExportSource& source, ChunkWriter& writer, ImportS
     }
     ++summary.electrocardiograms;
     ++summary.samplesByType[std::string(kElectrocardiogramTypeIdentifier)];
+    ++summary.keptByKind[std::string(kElectrocardiogramKind)];
     writer.submit(std::move(parsed).value());
   }
 }
@@ -245,6 +333,7 @@ void runImport(EmbeddedHealthStore& store, const ImportOptions& options,
     summary.failure = outcome.failure->error;
     summary.stoppedAt = outcome.failure->position;
   } else {
+    importRouteFiles(export_, sink.routeFiles(), writer, summary);
     importElectrocardiograms(export_, writer, summary);
   }
   writer.finish();
@@ -252,8 +341,7 @@ void runImport(EmbeddedHealthStore& store, const ImportOptions& options,
     summary.failure = std::move(failed);
   }
   summary.added = writer.added();
-  // Everything submitted and written that was not added was there already.
-  summary.alreadyPresent = writer.written() - writer.added();
+  summary.alreadyPresent = writer.alreadyPresent();
   sink.report();
 }
 

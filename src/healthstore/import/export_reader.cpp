@@ -4,10 +4,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "healthstore/import/export_vocabulary.h"
+#include "healthstore/sample_codec.h"
 #include "platform/log.h"
 
 namespace kestrova {
@@ -38,8 +42,19 @@ enum class Role : std::uint8_t {
   record,
   workout,
   workoutActivity,
+  workoutEvent,
+  workoutRoute,
+  beatList,
+  correlation,
+  captured,
   ignored,
 };
+
+// Elements kept whole are held in memory until they end; real ones (clinical records,
+// audiograms) have tens of children. Anything far larger is not kept.
+constexpr std::size_t kCaptureLimit = 100000;
+
+using Json = nlohmann::ordered_json;
 
 // One pass over one document; all of its state is owned by the reading thread.
 class Reader {
@@ -78,13 +93,18 @@ class Reader {
   }
 
   void start(std::string_view name, const XML_Char** attributes);
+  void startChild(std::string_view name, const XML_Char** attributes, Role parent);
   void end(std::string_view name);
   void startTopLevel(std::string_view name, const XML_Char** attributes);
+  void startRecord(const XML_Char** attributes);
+  void startCapture(std::string_view name, const XML_Char** attributes);
   void readObject(ExportedObject& object, std::string_view key, const char* value);
   void skipElement(std::string_view name) {
     sink_.skipped(Skip{SkipReason::unsupportedElement, std::string(name)}, line());
   }
-  void deliver(MappedSample mapped, std::uint64_t line);
+  // Adds what a mapping made to the sink's batch; the sample's identity when it made one.
+  std::optional<Uuid> deliver(MappedSample mapped, std::string_view kind, std::uint64_t line);
+  void deliverParts(MappedParts& parts);
   std::uint64_t line() const { return XML_GetCurrentLineNumber(parser_.get()); }
   TextPosition position() const {
     return TextPosition{XML_GetCurrentLineNumber(parser_.get()),
@@ -99,7 +119,12 @@ class Reader {
   RecordMapper mapper_;
   ExportedRecord record_;
   ExportedWorkout workout_;
+  ExportedCorrelation correlation_;
   std::uint64_t itemLine_ = 0;
+  std::uint64_t recordLine_ = 0;
+  // The element being kept whole: its open elements, outermost first.
+  std::vector<Json> captured_;
+  std::size_t capturedNodes_ = 0;
   std::optional<Error> callbackFailure_;
   ReadOutcome outcome_;
 };
@@ -122,27 +147,45 @@ void Reader::readObject(ExportedObject& object, std::string_view key, const char
   }
 }
 
+void Reader::startRecord(const XML_Char** attributes) {
+  recordLine_ = line();
+  record_.clear();
+  record_.hasUnit = record_.hasValue = record_.hasBeatList = false;
+  record_.beatCount = 0;
+  record_.type.clear();
+  for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
+    const std::string_view key = at[0];
+    if (key == kType) {
+      record_.type.assign(at[1]);
+    } else if (key == kValue) {
+      record_.value.assign(at[1]);
+      record_.hasValue = true;
+    } else if (key == kUnit) {
+      record_.unit.assign(at[1]);
+      record_.hasUnit = true;
+    } else {
+      readObject(record_, key, at[1]);
+    }
+  }
+  roles_.push_back(Role::record);
+}
+
+void Reader::startCapture(std::string_view name, const XML_Char** attributes) {
+  Json node = Json::object();
+  node[kJsonName] = name;
+  Json& attributesJson = node[kJsonAttributes] = Json::object();
+  for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
+    attributesJson[at[0]] = at[1];
+  }
+  captured_.push_back(std::move(node));
+  ++capturedNodes_;
+  roles_.push_back(Role::captured);
+}
+
 void Reader::startTopLevel(std::string_view name, const XML_Char** attributes) {
   itemLine_ = line();
   if (name == kRecord) {
-    record_.clear();
-    record_.hasUnit = record_.hasValue = false;
-    record_.type.clear();
-    for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
-      const std::string_view key = at[0];
-      if (key == kType) {
-        record_.type.assign(at[1]);
-      } else if (key == kValue) {
-        record_.value.assign(at[1]);
-        record_.hasValue = true;
-      } else if (key == kUnit) {
-        record_.unit.assign(at[1]);
-        record_.hasUnit = true;
-      } else {
-        readObject(record_, key, at[1]);
-      }
-    }
-    roles_.push_back(Role::record);
+    startRecord(attributes);
   } else if (name == kWorkout) {
     workout_.clear();
     for (std::string* field : {&workout_.activityType, &workout_.duration, &workout_.durationUnit,
@@ -152,6 +195,8 @@ void Reader::startTopLevel(std::string_view name, const XML_Char** attributes) {
     }
     workout_.statistics.clear();
     workout_.activityStatistics.clear();
+    workout_.events.clear();
+    workout_.routes.clear();
     for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
       const std::string_view key = at[0];
       if (key == kWorkoutActivityType) {
@@ -173,19 +218,43 @@ void Reader::startTopLevel(std::string_view name, const XML_Char** attributes) {
       }
     }
     roles_.push_back(Role::workout);
-  } else {
-    if (name == kExportDate) {
-      for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
-        if (std::string_view(at[0]) == kValue) {
-          outcome_.exportDate = at[1];
-        }
+  } else if (name == kCorrelation) {
+    correlation_.clear();
+    correlation_.type.clear();
+    correlation_.members.clear();
+    for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
+      if (std::string_view(at[0]) == kType) {
+        correlation_.type.assign(at[1]);
+      } else {
+        readObject(correlation_, at[0], at[1]);
       }
-    } else if (name != kMe) {
-      // Correlations (whose records are also written at top level), activity summaries,
-      // clinical records, audiograms, vision prescriptions: nothing the store keeps.
-      skipElement(name);
+    }
+    roles_.push_back(Role::correlation);
+  } else if (name == kActivitySummary) {
+    std::vector<std::pair<std::string, std::string>> fields;
+    for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
+      fields.emplace_back(at[0], at[1]);
+    }
+    auto mapped = mapper_.mapActivitySummary(fields);
+    if (ActivitySummaryRow* summary = std::get_if<ActivitySummaryRow>(&mapped)) {
+      sink_.batch().activitySummaries.push_back(std::move(*summary));
+      sink_.kept(kActivitySummary);
+    } else {
+      sink_.skipped(std::get<Skip>(mapped), itemLine_);
     }
     roles_.push_back(Role::ignored);
+  } else if (name == kExportDate) {
+    for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
+      if (std::string_view(at[0]) == kValue) {
+        outcome_.exportDate = at[1];
+      }
+    }
+    roles_.push_back(Role::ignored);
+  } else {
+    // Me, clinical records, audiograms, vision prescriptions and elements newer than this
+    // reader: the store has no table for them, so they are kept as written.
+    capturedNodes_ = 0;
+    startCapture(name, attributes);
   }
 }
 
@@ -208,6 +277,10 @@ void Reader::start(std::string_view name, const XML_Char** attributes) {
     startTopLevel(name, attributes);
     return;
   }
+  startChild(name, attributes, parent);
+}
+
+void Reader::startChild(std::string_view name, const XML_Char** attributes, Role parent) {
   const auto attribute = [&](std::string_view wanted) -> std::string_view {
     for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
       if (wanted == at[0]) {
@@ -216,10 +289,35 @@ void Reader::start(std::string_view name, const XML_Char** attributes) {
     }
     return {};
   };
-  if (name == kMetadataEntry && (parent == Role::record || parent == Role::workout)) {
-    ExportedObject& owner = parent == Role::record ? static_cast<ExportedObject&>(record_)
-                                                   : static_cast<ExportedObject&>(workout_);
-    owner.addMetadata(attribute(kKey), attribute(kValue));
+  if (parent == Role::captured) {
+    if (capturedNodes_ >= kCaptureLimit) {
+      roles_.push_back(Role::ignored);
+      return;
+    }
+    startCapture(name, attributes);
+    return;
+  }
+  if (name == kMetadataEntry) {
+    switch (parent) {
+      case Role::record:
+        record_.addMetadata(attribute(kKey), attribute(kValue));
+        break;
+      case Role::workout:
+        workout_.addMetadata(attribute(kKey), attribute(kValue));
+        break;
+      case Role::correlation:
+        correlation_.addMetadata(attribute(kKey), attribute(kValue));
+        break;
+      case Role::workoutEvent:
+        workout_.events.back().metadata.emplace_back(attribute(kKey), attribute(kValue));
+        break;
+      case Role::workoutRoute:
+        workout_.routes.back().addMetadata(attribute(kKey), attribute(kValue));
+        break;
+      default:
+        // The metadata of a workout activity: the workout's own says the same.
+        break;
+    }
   } else if (name == kWorkoutStatistics &&
              (parent == Role::workout || parent == Role::workoutActivity)) {
     auto& into = parent == Role::workout ? workout_.statistics : workout_.activityStatistics;
@@ -228,8 +326,51 @@ void Reader::start(std::string_view name, const XML_Char** attributes) {
   } else if (name == kWorkoutActivity && parent == Role::workout) {
     roles_.push_back(Role::workoutActivity);
     return;
+  } else if (name == kWorkoutEvent &&
+             (parent == Role::workout || parent == Role::workoutActivity)) {
+    workout_.events.push_back(ExportedWorkoutEvent{std::string(attribute(kType)),
+                                                   std::string(attribute(kDate)),
+                                                   std::string(attribute(kDuration)),
+                                                   std::string(attribute(kDurationUnit)),
+                                                   {}});
+    roles_.push_back(Role::workoutEvent);
+    return;
+  } else if (name == kWorkoutRoute && parent == Role::workout) {
+    ExportedRoute& route = workout_.routes.emplace_back();
+    for (const XML_Char** at = attributes; *at != nullptr; at += 2) {
+      readObject(route, at[0], at[1]);
+    }
+    roles_.push_back(Role::workoutRoute);
+    return;
+  } else if (name == kLocation && parent == Role::workoutRoute) {
+    const std::optional<Date> date = parseExportDate(attribute(kDate));
+    const auto number = [&](std::string_view key) {
+      return parseNumber(attribute(key)).value_or(std::numeric_limits<double>::quiet_NaN());
+    };
+    if (date) {
+      workout_.routes.back().locations.push_back(
+          RouteLocation{static_cast<double>(storedTime(*date)) / 1e6, number(kLatitude),
+                        number(kLongitude), number(kAltitude), number(kHorizontalAccuracy),
+                        number(kVerticalAccuracy), number(kCourse), number(kSpeed)});
+    }
+  } else if (name == kFileReference && parent == Role::workoutRoute) {
+    workout_.routes.back().filePath.assign(attribute(kPath));
+  } else if (name == kHeartRateVariabilityList && parent == Role::record) {
+    record_.hasBeatList = true;
+    roles_.push_back(Role::beatList);
+    return;
+  } else if (name == kInstantaneousBeats && parent == Role::beatList) {
+    if (record_.beatCount == record_.beats.size()) {
+      record_.beats.emplace_back();
+    }
+    record_.beats[record_.beatCount].bpm.assign(attribute(kBeatsPerMinute));
+    record_.beats[record_.beatCount].time.assign(attribute(kTime));
+    ++record_.beatCount;
+  } else if (name == kRecord && parent == Role::correlation) {
+    startRecord(attributes);
+    return;
   } else if (parent == Role::record || parent == Role::workout) {
-    // Heart-beat lists, workout events and routes: the store has no place for them.
+    // A child no export version has been seen to write.
     skipElement(name);
   }
   roles_.push_back(Role::ignored);
@@ -243,18 +384,85 @@ void Reader::end(std::string_view) {
   }
   const Role role = roles_.back();
   roles_.pop_back();
-  if (role == Role::record) {
-    deliver(mapper_.mapRecord(record_), itemLine_);
-  } else if (role == Role::workout) {
-    deliver(mapper_.mapWorkout(workout_), itemLine_);
+  const bool topLevel = !roles_.empty() && roles_.back() == Role::root;
+  switch (role) {
+    case Role::record: {
+      MappedParts parts;
+      const std::optional<Uuid> made =
+          deliver(mapper_.mapRecord(record_, &parts), kRecord, topLevel ? itemLine_ : recordLine_);
+      deliverParts(parts);
+      if (made && !topLevel) {
+        correlation_.members.push_back(*made);
+      }
+      break;
+    }
+    case Role::workout: {
+      MappedParts parts;
+      if (deliver(mapper_.mapWorkout(workout_, parts), kWorkout, itemLine_)) {
+        deliverParts(parts);
+      }
+      break;
+    }
+    case Role::correlation: {
+      if (const std::optional<Uuid> made =
+              deliver(mapper_.mapCorrelation(correlation_), kCorrelation, itemLine_)) {
+        for (const Uuid& member : correlation_.members) {
+          sink_.batch().correlationLinks.push_back(CorrelationLink{*made, member});
+        }
+      }
+      break;
+    }
+    case Role::captured: {
+      Json node = std::move(captured_.back());
+      captured_.pop_back();
+      if (!captured_.empty()) {
+        captured_.back()[kJsonChildren].push_back(std::move(node));
+        break;
+      }
+      const std::string name = node[kJsonName].get<std::string>();
+      if (capturedNodes_ >= kCaptureLimit) {
+        sink_.skipped(Skip{SkipReason::tooLarge, name}, itemLine_);
+        break;
+      }
+      deliver(keptElement(name, node.dump(-1, ' ', false, Json::error_handler_t::replace)), name,
+              itemLine_);
+      break;
+    }
+    default:
+      break;
   }
 }
 
-void Reader::deliver(MappedSample mapped, std::uint64_t line) {
-  if (SamplePtr* sample = std::get_if<SamplePtr>(&mapped)) {
-    sink_.sample(std::move(*sample));
-  } else {
-    sink_.skipped(std::get<Skip>(mapped), line);
+std::optional<Uuid> Reader::deliver(MappedSample mapped, std::string_view kind,
+                                    std::uint64_t line) {
+  if (SampleRow* sample = std::get_if<SampleRow>(&mapped)) {
+    const Uuid uuid = sample->uuid;
+    sink_.batch().samples.push_back(std::move(*sample));
+    sink_.kept(kind);
+    return uuid;
+  }
+  if (KeptElementRow* element = std::get_if<KeptElementRow>(&mapped)) {
+    sink_.batch().keptElements.push_back(std::move(*element));
+    sink_.kept(kKeptAsWritten);
+    return std::nullopt;
+  }
+  sink_.skipped(std::get<Skip>(mapped), line);
+  return std::nullopt;
+}
+
+void Reader::deliverParts(MappedParts& parts) {
+  ImportBatch& batch = sink_.batch();
+  if (!parts.events.empty()) {
+    sink_.part(kWorkoutEvent, parts.events.size());
+    std::move(parts.events.begin(), parts.events.end(), std::back_inserter(batch.workoutEvents));
+  }
+  if (!parts.routes.empty()) {
+    sink_.part(kWorkoutRoute, parts.routes.size());
+    std::move(parts.routes.begin(), parts.routes.end(), std::back_inserter(batch.workoutRoutes));
+  }
+  if (parts.beats) {
+    sink_.part(kHeartRateVariabilityList, 1);
+    batch.beatSeries.push_back(std::move(*parts.beats));
   }
 }
 
@@ -365,8 +573,21 @@ std::size_t removeControlCharacters(char* data, std::size_t size) {
     const auto byte = static_cast<unsigned char>(c);
     return byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r';
   };
+  // Eight bytes at a time: a word without a byte below 0x20 (most of them: a line break comes
+  // every few hundred bytes) holds nothing to drop.
+  constexpr std::uint64_t kOnes = 0x0101010101010101;
+  constexpr std::uint64_t kHighBits = 0x8080808080808080;
+  std::size_t at = 0;
+  for (; at + 8 <= size; at += 8) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, data + at, 8);
+    if (((word - kOnes * 0x20) & ~word & kHighBits) != 0 &&
+        std::any_of(data + at, data + at + 8, isStray)) {
+      break;
+    }
+  }
   char* const end = data + size;
-  char* first = std::find_if(data, end, isStray);
+  char* first = std::find_if(data + at, end, isStray);
   if (first == end) {
     return size;
   }

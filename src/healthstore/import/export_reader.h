@@ -20,10 +20,19 @@ struct TextPosition {
   std::uint64_t column = 0;
 };
 
+// The kind under which elements kept as written are counted.
+inline constexpr std::string_view kKeptAsWritten = "kept as written";
+
 class ExportReaderSink {
  public:
   virtual ~ExportReaderSink() = default;
-  virtual void sample(SamplePtr sample) = 0;
+  // Where the reader adds the rows of each element it reads.
+  virtual ImportBatch& batch() = 0;
+  // An element was read and its rows added: `kind` is its name ("Record", "Workout"...) or
+  // kKeptAsWritten.
+  virtual void kept(std::string_view kind) = 0;
+  // `count` parts of the element just kept (workout events, routes, beat lists) were added.
+  virtual void part(std::string_view kind, std::size_t count) = 0;
   // `line`: where the skipped element starts.
   virtual void skipped(const Skip& skip, std::uint64_t line) = 0;
   // Called after each buffer; returning false stops reading (the store failed).

@@ -224,15 +224,22 @@ class FolderSource final : public ExportSource {
     if (!file) {
       return file.error();
     }
-    std::string content(limit + 1, '\0');
-    content.resize(std::fread(content.data(), 1, content.size(), file.value().get()));
-    if (std::ferror(file.value().get())) {
-      return importError(kImportErrorRead, message(kCannotRead, {name, errnoText(errno)}));
+    // In pieces: the limit is far above what files hold, and reserving it would cost its size.
+    std::string content;
+    std::array<char, 65536> buffer{};
+    for (;;) {
+      const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), file.value().get());
+      if (std::ferror(file.value().get())) {
+        return importError(kImportErrorRead, message(kCannotRead, {name, errnoText(errno)}));
+      }
+      content.append(buffer.data(), count);
+      if (content.size() > limit) {
+        return importError(kImportErrorRead, message(kTooLarge, {name, std::to_string(limit)}));
+      }
+      if (count < buffer.size()) {
+        return content;
+      }
     }
-    if (content.size() > limit) {
-      return importError(kImportErrorRead, message(kTooLarge, {name, std::to_string(limit)}));
-    }
-    return content;
   }
 
  private:
@@ -328,9 +335,10 @@ class ZipSource final : public ExportSource {
       if (name.ends_with('/') || isMacArtefact(name)) {
         continue;
       }
+      // Any file can be asked for by name: electrocardiograms, the route files workouts name.
+      source->indexes_.emplace_back(name, at);
       if (isElectrocardiogram(name)) {
         source->electrocardiograms_.push_back(name);
-        source->indexes_.emplace_back(name, at);
       } else if (endsWithIgnoringCase(name, kXmlSuffix) &&
                  looksLikeMainDocument(source->head(at))) {
         if (source->main_.empty() || stat.size > largest) {
@@ -443,6 +451,22 @@ bool startsWithZipMagic(const fs::path& path) {
 
 Error importError(std::int64_t code, std::string description) {
   return Error{std::string(kImportErrorDomain), code, std::move(description)};
+}
+
+std::optional<std::string> ExportSource::referencedName(std::string_view path) const {
+  while (path.starts_with('/')) {
+    path.remove_prefix(1);
+  }
+  const fs::path relative(path);
+  if (path.empty() || relative.is_absolute()) {
+    return std::nullopt;
+  }
+  for (const fs::path& part : relative) {
+    if (part == "..") {
+      return std::nullopt;
+    }
+  }
+  return (fs::path(mainDocumentName()).parent_path() / relative).generic_string();
 }
 
 Result<std::unique_ptr<ExportSource>> ExportSource::open(const std::filesystem::path& path) {

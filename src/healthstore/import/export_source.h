@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,7 +52,11 @@ class ExportSource {
 
   // Electrocardiogram CSV files, in name order.
   virtual const std::vector<std::string>& electrocardiogramNames() const = 0;
-  // A whole small file (an electrocardiogram CSV), at most `limit` bytes.
+  // The name under which readSmallFile finds a file the main document refers to by a path
+  // relative to its own folder ("/workout-routes/route_2019-06-11_3.00pm.gpx"); none for a path
+  // that leaves the export.
+  std::optional<std::string> referencedName(std::string_view path) const;
+  // A whole small file (an electrocardiogram CSV, a route), at most `limit` bytes.
   virtual Result<std::string> readSmallFile(const std::string& name, std::size_t limit) = 0;
 };
 

@@ -107,6 +107,75 @@ std::optional<Date> parseExportDate(std::string_view text) {
   return Date(std::chrono::duration_cast<Date::duration>(std::chrono::seconds(seconds)));
 }
 
+std::optional<double> exportTimeOfDay(std::string_view text) {
+  if (!parseExportDate(text)) {
+    return std::nullopt;
+  }
+  int hour = 0, minute = 0, second = 0;
+  digits(text, 11, 2, hour);
+  digits(text, 14, 2, minute);
+  digits(text, 17, 2, second);
+  return hour * 3600.0 + minute * 60.0 + second;
+}
+
+std::optional<double> parseTimeOfDay(std::string_view text) {
+  // H[H]:MM:SS[(.|,)fraction][ AM| PM]
+  std::optional<int> meridiem;  // 0 AM, 12 PM
+  if (text.ends_with(" AM") || text.ends_with(" PM")) {
+    meridiem = text.ends_with(" PM") ? 12 : 0;
+    text.remove_suffix(3);
+  }
+  const std::size_t first = text.find(':');
+  if (first == std::string_view::npos || first == 0 || first > 2 || text.size() < first + 6 ||
+      text[first + 3] != ':') {
+    return std::nullopt;
+  }
+  int hour = 0, minute = 0, second = 0;
+  if (!digits(text, 0, first, hour) || !digits(text, first + 1, 2, minute) ||
+      !digits(text, first + 4, 2, second) || minute > 59 || second > 60) {
+    return std::nullopt;
+  }
+  double fraction = 0;
+  std::string_view rest = text.substr(first + 6);
+  if (!rest.empty()) {
+    if ((rest[0] != '.' && rest[0] != ',') || rest.size() == 1) {
+      return std::nullopt;
+    }
+    std::string decimal = "0." + std::string(rest.substr(1));
+    const std::optional<double> parsed = parseNumber(decimal);
+    if (!parsed) {
+      return std::nullopt;
+    }
+    fraction = *parsed;
+  }
+  if (meridiem) {
+    if (hour < 1 || hour > 12) {
+      return std::nullopt;
+    }
+    hour = hour % 12 + *meridiem;
+  } else if (hour > 23) {
+    return std::nullopt;
+  }
+  return hour * 3600.0 + minute * 60.0 + second + fraction;
+}
+
+std::optional<double> parseUtcTimestamp(std::string_view text) {
+  // yyyy-MM-ddTHH:mm:ss[.fraction]Z
+  if (text.size() < 20 || text[4] != '-' || text[7] != '-' || text[10] != 'T' ||
+      text.back() != 'Z') {
+    return std::nullopt;
+  }
+  const std::optional<Date> day =
+      parseExportDate(std::string(text.substr(0, 10)) + " 00:00:00 +0000");
+  const std::optional<double> time = parseTimeOfDay(text.substr(11, text.size() - 12));
+  if (!day || !time) {
+    return std::nullopt;
+  }
+  return static_cast<double>(
+             std::chrono::duration_cast<std::chrono::seconds>(day->time_since_epoch()).count()) +
+         *time;
+}
+
 std::optional<double> parseNumber(std::string_view text) {
   if (text.empty()) {
     return std::nullopt;

@@ -20,6 +20,16 @@ namespace kestrova {
 // force when the export was made, not when the sample was taken, so only the instant is kept.
 std::optional<Date> parseExportDate(std::string_view text);
 
+// The wall-clock time of day of such a timestamp, in seconds, as written; none for other text.
+std::optional<double> exportTimeOfDay(std::string_view text);
+
+// A time of day in a phone's format: "08:33:44,67", "6:14:48.94 PM", "11:17:20.53 AM", in
+// seconds since midnight; none for anything else.
+std::optional<double> parseTimeOfDay(std::string_view text);
+
+// "2019-06-11T22:00:42Z" (GPX times) in seconds since 1970; none for anything else.
+std::optional<double> parseUtcTimestamp(std::string_view text);
+
 // A finite decimal number that fills the whole text ("47", "-0.5", "1e3"); none otherwise.
 std::optional<double> parseNumber(std::string_view text);
 

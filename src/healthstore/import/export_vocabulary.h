@@ -24,6 +24,10 @@ inline constexpr std::string_view kWorkoutStatistics = "WorkoutStatistics";
 inline constexpr std::string_view kWorkoutEvent = "WorkoutEvent";
 inline constexpr std::string_view kWorkoutRoute = "WorkoutRoute";
 inline constexpr std::string_view kHeartRateVariabilityList = "HeartRateVariabilityMetadataList";
+inline constexpr std::string_view kInstantaneousBeats = "InstantaneousBeatsPerMinute";
+inline constexpr std::string_view kLocation = "Location";
+inline constexpr std::string_view kFileReference = "FileReference";
+inline constexpr std::string_view kActivitySummary = "ActivitySummary";
 
 // Attributes.
 inline constexpr std::string_view kType = "type";
@@ -44,6 +48,44 @@ inline constexpr std::string_view kTotalDistanceUnit = "totalDistanceUnit";
 inline constexpr std::string_view kTotalEnergyBurned = "totalEnergyBurned";
 inline constexpr std::string_view kTotalEnergyBurnedUnit = "totalEnergyBurnedUnit";
 inline constexpr std::string_view kSum = "sum";
+inline constexpr std::string_view kDate = "date";
+inline constexpr std::string_view kPath = "path";
+inline constexpr std::string_view kBeatsPerMinute = "bpm";
+inline constexpr std::string_view kTime = "time";
+inline constexpr std::string_view kLatitude = "latitude";
+inline constexpr std::string_view kLongitude = "longitude";
+inline constexpr std::string_view kAltitude = "altitude";
+inline constexpr std::string_view kHorizontalAccuracy = "horizontalAccuracy";
+inline constexpr std::string_view kVerticalAccuracy = "verticalAccuracy";
+inline constexpr std::string_view kCourse = "course";
+inline constexpr std::string_view kSpeed = "speed";
+inline constexpr std::string_view kDateComponents = "dateComponents";
+inline constexpr std::string_view kActiveEnergyBurned = "activeEnergyBurned";
+inline constexpr std::string_view kActiveEnergyBurnedGoal = "activeEnergyBurnedGoal";
+inline constexpr std::string_view kActiveEnergyBurnedUnit = "activeEnergyBurnedUnit";
+inline constexpr std::string_view kAppleMoveTime = "appleMoveTime";
+inline constexpr std::string_view kAppleMoveTimeGoal = "appleMoveTimeGoal";
+inline constexpr std::string_view kAppleExerciseTime = "appleExerciseTime";
+inline constexpr std::string_view kAppleExerciseTimeGoal = "appleExerciseTimeGoal";
+inline constexpr std::string_view kAppleStandHours = "appleStandHours";
+inline constexpr std::string_view kAppleStandHoursGoal = "appleStandHoursGoal";
+
+// The JSON form of elements kept as written.
+inline constexpr std::string_view kJsonName = "name";
+inline constexpr std::string_view kJsonAttributes = "attributes";
+inline constexpr std::string_view kJsonChildren = "children";
+
+// GPX route files.
+inline constexpr std::string_view kGpxPoint = "trkpt";
+inline constexpr std::string_view kGpxLatitude = "lat";
+inline constexpr std::string_view kGpxLongitude = "lon";
+inline constexpr std::string_view kGpxElevation = "ele";
+inline constexpr std::string_view kGpxTime = "time";
+inline constexpr std::string_view kGpxSpeed = "speed";
+inline constexpr std::string_view kGpxCourse = "course";
+inline constexpr std::string_view kGpxHorizontalAccuracy = "hAcc";
+inline constexpr std::string_view kGpxVerticalAccuracy = "vAcc";
+inline constexpr std::string_view kRouteFolder = "workout-routes";
 
 // What the first kilobyte of the main document contains, whatever the file is called.
 inline constexpr std::string_view kDoctypeMarker = "<!DOCTYPE HealthData";

@@ -17,6 +17,7 @@ constexpr std::string_view kKeyAlreadyPresent = "alreadyPresent";
 constexpr std::string_view kKeyElectrocardiograms = "electrocardiograms";
 constexpr std::string_view kKeySamplesByType = "samplesByType";
 constexpr std::string_view kKeySkipped = "skipped";
+constexpr std::string_view kKeyKeptByKind = "keptByKind";
 constexpr std::string_view kKeySkippedCount = "skippedCount";
 constexpr std::string_view kKeyCount = "count";
 constexpr std::string_view kKeyFirstLine = "firstLine";
@@ -29,6 +30,7 @@ constexpr std::string_view kKeySeconds = "seconds";
 constexpr std::string_view kTextHeader = "Import of %s (%s)\n";
 constexpr std::string_view kTextCounts =
     "  read %llu, added %llu, already present %llu, skipped %llu, in %.1f s\n";
+constexpr std::string_view kTextKept = "  kept %s: %llu\n";
 constexpr std::string_view kTextSkipped = "  skipped (%s): %s x %llu (first at line %llu)\n";
 constexpr std::string_view kTextSkippedNoLine = "  skipped (%s): %s x %llu\n";
 constexpr std::string_view kTextFailed = "  FAILED: %s\n";
@@ -74,6 +76,9 @@ std::string summaryText(const ImportSummary& summary) {
   text += formatted(kTextCounts, static_cast<ull>(summary.read), static_cast<ull>(summary.added),
                     static_cast<ull>(summary.alreadyPresent),
                     static_cast<ull>(summary.skippedCount()), summary.seconds);
+  for (const auto& [kind, count] : summary.keptByKind) {
+    text += formatted(kTextKept, kind.c_str(), static_cast<ull>(count));
+  }
   for (const auto& [reason, details] : summary.skipped) {
     for (const auto& [detail, count] : details) {
       text += count.firstLine != 0
@@ -109,6 +114,10 @@ std::string summaryJson(const ImportSummary& summary) {
   json[kKeySamplesByType] = Json::object();
   for (const auto& [type, count] : summary.samplesByType) {
     json[kKeySamplesByType][type] = count;
+  }
+  json[kKeyKeptByKind] = Json::object();
+  for (const auto& [kind, count] : summary.keptByKind) {
+    json[kKeyKeptByKind][kind] = count;
   }
   json[kKeySkipped] = Json::object();
   for (const auto& [reason, details] : summary.skipped) {

@@ -25,8 +25,9 @@ struct ImportSummary {
   std::string mainDocument;
   std::string exportDate;
   std::string locale;
-  // Top-level elements, elements inside them that the store cannot keep, and electrocardiogram
-  // files: read == added + alreadyPresent + skipped, also for a failed import.
+  // Top-level elements, records inside correlations, elements inside them that the store cannot
+  // keep, electrocardiogram files and route files that could not be read:
+  // read == added + alreadyPresent + skipped, also for a failed import.
   std::uint64_t read = 0;
   std::uint64_t added = 0;
   // Stored by an earlier import, or repeated within this export.
@@ -34,6 +35,9 @@ struct ImportSummary {
   std::uint64_t electrocardiograms = 0;
   // Samples made, per type identifier.
   std::map<std::string, std::uint64_t> samplesByType;
+  // Elements read and kept, by element name ("Record", "Workout", "WorkoutEvent",
+  // "ActivitySummary"...), those kept as written, and the files read with them.
+  std::map<std::string, std::uint64_t> keptByKind;
   // Reason name -> detail (unit text, type identifier, element name, file) -> count. Past
   // kSkipDetailLimit details a reason collects the rest under kOtherDetails.
   std::map<std::string, std::map<std::string, SkipCount>> skipped;

@@ -1,9 +1,13 @@
 #include "healthstore/import/record_mapper.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
+#include <nlohmann/json.hpp>
 
 #include "healthstore/import/export_vocabulary.h"
+#include "healthstore/sample_codec.h"
 
 namespace kestrova {
 namespace {
@@ -18,9 +22,8 @@ constexpr std::size_t kRevisionCacheLimit = 10000;
 constexpr std::string_view kDefaultDurationUnit = "min";
 
 constexpr std::array<std::string_view, kSkipReasonCount> kSkipReasonNames = {
-    "unknown type",        "unknown unit",           "unparsable date",
-    "unsupported element", "unknown category value", "invalid value",
-    "missing attribute",   "rejected by the store",  "unreadable file",
+    "unknown unit",      "unparsable date", "unsupported element", "invalid value",
+    "missing attribute", "unreadable file", "too large",
 };
 
 Skip skip(SkipReason reason, std::string_view detail) {
@@ -34,10 +37,8 @@ std::string_view deviceIdentity(std::string_view device) {
   return opening == std::string_view::npos ? device : device.substr(opening + 3);
 }
 
-void appendMicros(std::string& out, Date date) {
+void appendMicros(std::string& out, std::int64_t micros) {
   std::array<char, 24> buffer{};
-  const auto micros =
-      std::chrono::duration_cast<std::chrono::microseconds>(date.time_since_epoch()).count();
   const auto [end, error] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), micros);
   out.append(buffer.data(), end);
   out += kSeparator;
@@ -75,6 +76,19 @@ bool isActiveEnergy(std::string_view type) {
   return type == kActiveEnergyType;
 }
 
+constexpr std::string_view kDefaultEnergyUnit = "kcal";
+
+// Seconds; none when the number or its unit (minutes when absent) cannot be read.
+std::optional<double> durationSeconds(std::string_view text, std::string_view unitText,
+                                      ImportUnits& units) {
+  const Unit* unit = units.find(unitText.empty() ? kDefaultDurationUnit : unitText);
+  const std::optional<double> duration = parseNumber(text);
+  if (unit == nullptr || !unit->isCompatible(Unit::second()) || !duration || *duration < 0) {
+    return std::nullopt;
+  }
+  return unit->convert(*duration, Unit::second()).value();
+}
+
 }  // namespace
 
 std::string_view skipReasonName(SkipReason reason) {
@@ -96,23 +110,15 @@ void ExportedObject::addMetadata(std::string_view key, std::string_view value) {
   ++metadataCount;
 }
 
-std::optional<ObjectType> RecordMapper::typeOf(std::string_view identifier) {
-  // Exports write the records of one type together: the last answer is nearly always right.
-  if (lastType_ && identifier == lastTypeIdentifier_) {
-    return *lastType_;
-  }
-  auto found = types_.find(std::string(identifier));
-  if (found == types_.end()) {
-    found = types_.emplace(std::string(identifier), ObjectType::fromIdentifier(identifier)).first;
-  }
-  if (found->second) {
-    lastTypeIdentifier_.assign(identifier);
-    lastType_ = found->second;
-  }
-  return found->second;
+KeptElementRow keptElement(std::string_view name, std::string json) {
+  std::string identity(name);
+  identity += kSeparator;
+  identity += json;
+  return KeptElementRow{nameBasedUuid(identity), std::string(name), std::move(json)};
 }
 
-const RecordMapper::Revision& RecordMapper::revisionOf(const ExportedObject& object) {
+const std::shared_ptr<const RevisionRecord>& RecordMapper::revisionOf(
+    const ExportedObject& object) {
   key_.assign(object.sourceName);
   key_ += kSeparator;
   if (object.hasSourceVersion) {
@@ -128,25 +134,25 @@ const RecordMapper::Revision& RecordMapper::revisionOf(const ExportedObject& obj
   if (revisions_.size() >= kRevisionCacheLimit) {
     revisions_.clear();
   }
-  Revision made;
-  made.revision.source = Source{object.sourceName, deriveBundleIdentifier(object.sourceName)};
+  auto made = std::make_shared<RevisionRecord>();
+  made->revision.source = Source{object.sourceName, deriveBundleIdentifier(object.sourceName)};
   if (object.hasSourceVersion) {
-    made.revision.version = object.sourceVersion;
+    made->revision.version = object.sourceVersion;
   }
-  made.device = parseDeviceDescription(object.device);
-  if (made.device) {
-    made.revision.productType = made.device->hardwareVersion;
-    if (made.device->softwareVersion) {
-      made.revision.operatingSystemVersion = parseSystemVersion(*made.device->softwareVersion);
+  made->device = parseDeviceDescription(object.device);
+  if (made->device) {
+    made->revision.productType = made->device->hardwareVersion;
+    if (made->device->softwareVersion) {
+      made->revision.operatingSystemVersion = parseSystemVersion(*made->device->softwareVersion);
     }
   }
   return revisions_.emplace(key_, std::move(made)).first->second;
 }
 
-Metadata RecordMapper::metadataOf(const ExportedObject& object) {
+Metadata RecordMapper::metadataOf(const ExportedMetadata& entries, std::size_t count) {
   Metadata metadata;
-  for (std::size_t i = 0; i < object.metadataCount; ++i) {
-    const auto& [key, value] = object.metadata[i];
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto& [key, value] = entries[i];
     // A key written twice (newer workouts repeat their whole block) keeps its first value.
     if (metadata.find(key) == metadata.end()) {
       metadata.emplace(key, typedMetadataValue(key, value, units_));
@@ -156,8 +162,7 @@ Metadata RecordMapper::metadataOf(const ExportedObject& object) {
 }
 
 std::optional<Skip> RecordMapper::commonProperties(const ExportedObject& object,
-                                                   std::string_view type,
-                                                   SampleProperties& properties) {
+                                                   std::string_view type, Common& common) {
   if (!object.hasSourceName) {
     return skip(SkipReason::missingAttribute, kSourceName);
   }
@@ -172,22 +177,100 @@ std::optional<Skip> RecordMapper::commonProperties(const ExportedObject& object,
   if (!start || !end) {
     return skip(SkipReason::unparsableDate, type);
   }
-  properties.startDate = *start;
-  properties.endDate = *end;
-  const Revision& revision = revisionOf(object);
-  properties.sourceRevision = revision.revision;
-  properties.device = revision.device;
-  properties.metadata = metadataOf(object);
+  if (*end < *start) {
+    return skip(SkipReason::invalidValue, type);
+  }
+  common.start = storedTime(*start);
+  common.end = storedTime(*end);
+  common.revision = revisionOf(object);
+  common.metadata = metadataOf(object.metadata, object.metadataCount);
   return std::nullopt;
 }
 
-MappedSample RecordMapper::mapRecord(const ExportedRecord& record) {
+std::optional<Skip> RecordMapper::namedProperties(const ExportedObject& object,
+                                                  std::string_view type, Common& common) {
+  std::optional<Skip> failure = commonProperties(object, type, common);
+  if (!failure) {
+    appendMicros(name_, common.start);
+    appendMicros(name_, common.end);
+  }
+  return failure;
+}
+
+SampleRow RecordMapper::rowOf(std::string_view type, Common common) {
+  SampleRow row;
+  row.type = type;
+  row.start = common.start;
+  row.end = common.end;
+  row.revision = std::move(common.revision);
+  row.userEntered = wasUserEntered(common.metadata);
+  row.metadata = encodeMetadata(common.metadata);
+  return row;
+}
+
+KeptElementRow RecordMapper::keptRecord(const ExportedRecord& record) {
+  nlohmann::ordered_json json;
+  json[kType] = record.type;
+  if (record.hasUnit) {
+    json[kUnit] = record.unit;
+  }
+  if (record.hasValue) {
+    json[kValue] = record.value;
+  }
+  json[kSourceName] = record.sourceName;
+  if (record.hasSourceVersion) {
+    json[kSourceVersion] = record.sourceVersion;
+  }
+  if (!record.device.empty()) {
+    json[kDevice] = record.device;
+  }
+  json[kStartDate] = record.startDate;
+  json[kEndDate] = record.endDate;
+  for (std::size_t i = 0; i < record.metadataCount; ++i) {
+    json[kMetadataEntry].push_back(
+        {{kKey, record.metadata[i].first}, {kValue, record.metadata[i].second}});
+  }
+  for (std::size_t i = 0; i < record.beatCount; ++i) {
+    json[kInstantaneousBeats].push_back(
+        {{kBeatsPerMinute, record.beats[i].bpm}, {kTime, record.beats[i].time}});
+  }
+  return keptElement(kRecord, json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+std::vector<BeatRow> RecordMapper::beatsOf(const ExportedRecord& record, const Common& common) {
+  // The beat times are local times of day without a date or zone, and the record's dates carry
+  // the offset of the export's day, so the two can differ by a whole number of quarter hours
+  // (daylight saving time, travel). Beats lie within their record, which lasts about a minute:
+  // the difference is the one that puts them there.
+  constexpr double kQuarterHour = 900;
+  constexpr double kDay = 86400;
+  const std::optional<double> startOfDay = exportTimeOfDay(record.startDate);
+  const double span = static_cast<double>(common.end - common.start) / 1e6;
+  std::vector<BeatRow> beats;
+  for (std::size_t i = 0; i < record.beatCount; ++i) {
+    const std::optional<double> bpm = parseNumber(record.beats[i].bpm);
+    const std::optional<double> time = parseTimeOfDay(record.beats[i].time);
+    if (!bpm || !time || !startOfDay) {
+      continue;
+    }
+    double since = std::fmod(*time - *startOfDay + kDay * 1.5, kDay) - kDay / 2;
+    if (since < -60 || since > span + 60) {
+      since -= kQuarterHour * std::round((since - span / 2) / kQuarterHour);
+    }
+    beats.push_back(BeatRow{since, *bpm});
+  }
+  return beats;
+}
+
+MappedSample RecordMapper::mapRecord(const ExportedRecord& record, MappedParts* parts) {
   if (record.type.empty()) {
     return skip(SkipReason::missingAttribute, kType);
   }
-  const std::optional<ObjectType> type = typeOf(record.type);
-  if (!type) {
-    return skip(SkipReason::unknownType, record.type);
+  const StoredType* type = findStoredType(record.type);
+  if (type == nullptr ||
+      (type->kind != StoredKind::quantity && type->kind != StoredKind::category)) {
+    // An identifier nobody has published yet: kept as written.
+    return keptRecord(record);
   }
   // Identity: type, source, instants, value (canonical number or category raw value), unit.
   name_.assign(record.type);
@@ -195,67 +278,75 @@ MappedSample RecordMapper::mapRecord(const ExportedRecord& record) {
   name_ += record.sourceName;
   name_ += kSeparator;
 
-  if (type->kind() == ObjectKind::quantity) {
+  if (type->kind == StoredKind::quantity) {
     if (!record.hasUnit) {
       return skip(SkipReason::missingAttribute, kUnit);
-    }
-    const Unit* unit = units_.find(record.unit);
-    if (unit == nullptr || !unit->isCompatible(type->canonicalUnit())) {
-      return skip(SkipReason::unknownUnit, record.unit);
     }
     const std::optional<double> value = record.hasValue ? parseNumber(record.value) : std::nullopt;
     if (!value) {
       return skip(SkipReason::invalidValue, record.type);
     }
-    SampleProperties properties = unnamedProperties();
-    if (std::optional<Skip> failure = commonProperties(record, record.type, properties)) {
+    // In the canonical unit when the grammar reads both; as written when the unit is the
+    // canonical one spelt the same; otherwise the record is kept as written.
+    const std::optional<Unit> canonical = type->unit();
+    const Unit* unit = units_.find(record.unit);
+    std::optional<double> stored;
+    if (canonical && unit != nullptr && unit->isCompatible(*canonical)) {
+      stored = unit->convert(*value, *canonical).value();
+    } else if (record.unit == type->canonicalUnit) {
+      stored = *value;
+    } else {
+      return keptRecord(record);
+    }
+    Common common;
+    if (std::optional<Skip> failure = namedProperties(record, record.type, common)) {
       return std::move(*failure);
     }
-    appendMicros(name_, properties.startDate);
-    appendMicros(name_, properties.endDate);
     name_ += canonicalNumber(*value);
     name_ += kSeparator;
     name_ += record.unit;
-    properties.uuid = nameBasedUuid(name_);
-    auto made = QuantitySample::make(*type, Quantity(*unit, *value), std::move(properties));
-    if (!made) {
-      return skip(SkipReason::rejectedByStore, record.type);
+    std::vector<BeatRow> beats;
+    if (parts != nullptr && record.hasBeatList) {
+      beats = beatsOf(record, common);
     }
-    return SamplePtr(std::move(made).value());
+    SampleRow row = rowOf(type->identifier, std::move(common));
+    row.uuid = nameBasedUuid(name_);
+    row.value = stored;
+    if (record.unit != type->canonicalUnit) {
+      row.originalValue = *value;
+    }
+    row.unit = record.unit;
+    if (parts != nullptr && record.hasBeatList) {
+      parts->beats = BeatSeriesRow{row.uuid, std::move(beats)};
+    }
+    return row;
   }
 
-  if (type->kind() == ObjectKind::category) {
-    int value = 0;  // HKCategoryValueNotApplicable: old exports write no value for those
-    if (record.hasValue) {
-      if (const std::optional<int> named = exportxml::categoryValue(record.value)) {
-        value = *named;
-      } else {
-        const auto [end, error] =
-            std::from_chars(record.value.data(), record.value.data() + record.value.size(), value);
-        if (error != std::errc() || end != record.value.data() + record.value.size()) {
-          return skip(SkipReason::unknownCategoryValue, record.value);
-        }
+  int value = 0;  // HKCategoryValueNotApplicable: old exports write no value for those
+  if (record.hasValue) {
+    if (const std::optional<int> named = exportxml::categoryValue(record.value)) {
+      value = *named;
+    } else {
+      const auto [end, error] =
+          std::from_chars(record.value.data(), record.value.data() + record.value.size(), value);
+      if (error != std::errc() || end != record.value.data() + record.value.size()) {
+        // A value newer than the table: kept as written.
+        return keptRecord(record);
       }
     }
-    SampleProperties properties = unnamedProperties();
-    if (std::optional<Skip> failure = commonProperties(record, record.type, properties)) {
-      return std::move(*failure);
-    }
-    appendMicros(name_, properties.startDate);
-    appendMicros(name_, properties.endDate);
-    name_ += std::to_string(value);
-    properties.uuid = nameBasedUuid(name_);
-    auto made = CategorySample::make(*type, value, std::move(properties));
-    if (!made) {
-      return skip(SkipReason::rejectedByStore, record.type);
-    }
-    return SamplePtr(std::move(made).value());
   }
-  // Workouts and electrocardiograms have elements and files of their own.
-  return skip(SkipReason::unknownType, record.type);
+  Common common;
+  if (std::optional<Skip> failure = namedProperties(record, record.type, common)) {
+    return std::move(*failure);
+  }
+  name_ += std::to_string(value);
+  SampleRow row = rowOf(type->identifier, std::move(common));
+  row.uuid = nameBasedUuid(name_);
+  row.category = value;
+  return row;
 }
 
-MappedSample RecordMapper::mapWorkout(const ExportedWorkout& workout) {
+MappedSample RecordMapper::mapWorkout(const ExportedWorkout& workout, MappedParts& parts) {
   Workout::Details details;
   if (workout.activityType.empty()) {
     return skip(SkipReason::missingAttribute, kWorkoutActivityType);
@@ -264,18 +355,12 @@ MappedSample RecordMapper::mapWorkout(const ExportedWorkout& workout) {
   details.workoutActivityType =
       exportxml::workoutActivityType(workout.activityType).value_or(kWorkoutActivityTypeOther);
   if (!workout.duration.empty()) {
-    const std::string_view unitText = workout.durationUnit.empty()
-                                          ? kDefaultDurationUnit
-                                          : std::string_view(workout.durationUnit);
-    const Unit* unit = units_.find(unitText);
-    const std::optional<double> duration = parseNumber(workout.duration);
-    if (unit == nullptr || !unit->isCompatible(Unit::second())) {
-      return skip(SkipReason::unknownUnit, unitText);
-    }
-    if (!duration || *duration < 0) {
+    const std::optional<double> duration =
+        durationSeconds(workout.duration, workout.durationUnit, units_);
+    if (!duration) {
       return skip(SkipReason::invalidValue, kWorkoutTypeIdentifier);
     }
-    details.duration = unit->convert(*duration, Unit::second()).value();
+    details.duration = *duration;
   }
 
   // Statistics win over the older total attributes; the workout's own statistics over the sum
@@ -318,25 +403,139 @@ MappedSample RecordMapper::mapWorkout(const ExportedWorkout& workout) {
     }
   }
 
-  SampleProperties properties = unnamedProperties();
-  if (std::optional<Skip> failure = commonProperties(workout, kWorkoutTypeIdentifier, properties)) {
-    return std::move(*failure);
-  }
   name_.assign(kWorkoutTypeIdentifier);
   name_ += kSeparator;
   name_ += workout.sourceName;
   name_ += kSeparator;
-  appendMicros(name_, properties.startDate);
-  appendMicros(name_, properties.endDate);
+  Common common;
+  if (std::optional<Skip> failure = namedProperties(workout, kWorkoutTypeIdentifier, common)) {
+    return std::move(*failure);
+  }
   name_ += std::to_string(details.workoutActivityType);
   name_ += kSeparator;
   name_ += canonicalNumber(details.duration);
-  properties.uuid = nameBasedUuid(name_);
-  auto made = Workout::make(std::move(details), std::move(properties));
-  if (!made) {
-    return skip(SkipReason::rejectedByStore, kWorkoutTypeIdentifier);
+  if (details.duration < 0) {
+    return skip(SkipReason::invalidValue, kWorkoutTypeIdentifier);
   }
-  return SamplePtr(std::move(made).value());
+  SampleRow row = rowOf(kWorkoutTypeIdentifier, std::move(common));
+  row.uuid = nameBasedUuid(name_);
+  row.details = encodeWorkoutDetails(details);
+
+  for (const ExportedWorkoutEvent& event : workout.events) {
+    const std::optional<Date> date = parseExportDate(event.date);
+    if (!date) {
+      continue;
+    }
+    parts.events.push_back(WorkoutEventRow{
+        row.uuid, static_cast<std::int64_t>(parts.events.size()), event.type, storedTime(*date),
+        event.duration.empty() ? std::nullopt
+                               : durationSeconds(event.duration, event.durationUnit, units_),
+        encodeMetadata(metadataOf(event.metadata, event.metadata.size()))});
+  }
+  for (const ExportedRoute& route : workout.routes) {
+    const std::optional<Date> start = parseExportDate(route.startDate);
+    const std::optional<Date> end = parseExportDate(route.endDate);
+    WorkoutRouteRow made{row.uuid,
+                         static_cast<std::int64_t>(parts.routes.size()),
+                         start ? storedTime(*start) : row.start,
+                         end ? storedTime(*end) : row.end,
+                         route.sourceName,
+                         encodeMetadata(metadataOf(route.metadata, route.metadataCount)),
+                         std::nullopt,
+                         route.locations};
+    if (!route.filePath.empty()) {
+      made.filePath = route.filePath;
+    }
+    parts.routes.push_back(std::move(made));
+  }
+  return row;
+}
+
+MappedSample RecordMapper::mapCorrelation(const ExportedCorrelation& correlation) {
+  const StoredType* type = findStoredType(correlation.type);
+  if (correlation.type.empty()) {
+    return skip(SkipReason::missingAttribute, kType);
+  }
+  if (type == nullptr || type->kind != StoredKind::correlation) {
+    nlohmann::ordered_json json;
+    json[kType] = correlation.type;
+    json[kSourceName] = correlation.sourceName;
+    json[kStartDate] = correlation.startDate;
+    json[kEndDate] = correlation.endDate;
+    for (const Uuid& member : correlation.members) {
+      json[kRecord].push_back(member.uuidString());
+    }
+    return keptElement(kCorrelation,
+                       json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  }
+  // Identity: type, source, instants and the members' identities.
+  name_.assign(correlation.type);
+  name_ += kSeparator;
+  name_ += correlation.sourceName;
+  name_ += kSeparator;
+  Common common;
+  if (std::optional<Skip> failure = namedProperties(correlation, correlation.type, common)) {
+    return std::move(*failure);
+  }
+  std::vector<Uuid> members = correlation.members;
+  std::sort(members.begin(), members.end());
+  for (const Uuid& member : members) {
+    name_ += member.uuidString();
+  }
+  SampleRow row = rowOf(type->identifier, std::move(common));
+  row.uuid = nameBasedUuid(name_);
+  return row;
+}
+
+std::variant<ActivitySummaryRow, Skip> RecordMapper::mapActivitySummary(
+    const std::vector<std::pair<std::string, std::string>>& attributes) {
+  ActivitySummaryRow row;
+  std::string energyUnit(kDefaultEnergyUnit);
+  for (const auto& [key, value] : attributes) {
+    if (key == kActiveEnergyBurnedUnit) {
+      energyUnit = value;
+    }
+  }
+  const Unit* energy = units_.find(energyUnit);
+  if (energy == nullptr || !energy->isCompatible(Unit::kilocalorie())) {
+    return skip(SkipReason::unknownUnit, energyUnit);
+  }
+  struct Field {
+    std::string_view name;
+    std::optional<double> ActivitySummaryRow::*into;
+    bool isEnergy;
+  };
+  constexpr std::array<Field, 8> kFields = {{
+      {kActiveEnergyBurned, &ActivitySummaryRow::activeEnergyBurned, true},
+      {kActiveEnergyBurnedGoal, &ActivitySummaryRow::activeEnergyBurnedGoal, true},
+      {kAppleMoveTime, &ActivitySummaryRow::appleMoveTime, false},
+      {kAppleMoveTimeGoal, &ActivitySummaryRow::appleMoveTimeGoal, false},
+      {kAppleExerciseTime, &ActivitySummaryRow::appleExerciseTime, false},
+      {kAppleExerciseTimeGoal, &ActivitySummaryRow::appleExerciseTimeGoal, false},
+      {kAppleStandHours, &ActivitySummaryRow::appleStandHours, false},
+      {kAppleStandHoursGoal, &ActivitySummaryRow::appleStandHoursGoal, false},
+  }};
+  for (const auto& [key, value] : attributes) {
+    if (key == kDateComponents) {
+      row.day = value;
+      continue;
+    }
+    for (const Field& field : kFields) {
+      if (key != field.name) {
+        continue;
+      }
+      const std::optional<double> number = parseNumber(value);
+      if (!number) {
+        return skip(SkipReason::invalidValue, kActivitySummary);
+      }
+      row.*field.into =
+          field.isEnergy ? energy->convert(*number, Unit::kilocalorie()).value() : *number;
+    }
+  }
+  if (row.day.empty()) {
+    return skip(SkipReason::missingAttribute, kDateComponents);
+  }
+  return row;
 }
 
 }  // namespace kestrova
