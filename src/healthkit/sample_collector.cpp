@@ -47,9 +47,9 @@ std::size_t SampleCollector::fetchLimit(SampleFamily family) {
   // so their pages are short.
   switch (family) {
     case SampleFamily::workouts:
-      return 50;
+      return 20;
     case SampleFamily::electrocardiograms:
-      return 10;
+      return 3;
     case SampleFamily::sleep:
     case SampleFamily::mindfulSessions:
     case SampleFamily::bodyMeasurements:
