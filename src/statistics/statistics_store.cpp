@@ -452,10 +452,10 @@ class StatisticsStore::Batch {
       // The index holds the upload-time part of the new-data rule; the start date is applied
       // when reading, as it may change between configurations.
       auto index = newDataKey(familyOf(key), intervalKey, key);
-      if (!entry.uploadedAt || *entry.uploadedAt <= entry.updatedAt) {
-        changes.emplace_back(std::move(index), DefaultsValue(std::int64_t{1}));
-      } else {
-        changes.emplace_back(std::move(index), std::nullopt);
+      const bool isNew = !entry.uploadedAt || *entry.uploadedAt <= entry.updatedAt;
+      changes.emplace_back(std::move(index), std::nullopt);
+      if (isNew) {
+        changes.back().second.emplace(std::in_place_type<std::int64_t>, 1);
       }
     }
     store_.defaults_->update(std::move(changes));
