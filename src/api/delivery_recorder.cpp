@@ -1,7 +1,6 @@
 #include "api/delivery_recorder.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -10,6 +9,7 @@
 #include "api/request_builder.h"
 #include "api/upload.h"
 #include "platform/log.h"
+#include "platform/text.h"
 
 namespace kestrova {
 namespace {
@@ -23,23 +23,6 @@ constexpr int kHTTPStatusUnavailable = 503;
 constexpr int kLastClientError = 499;
 // A longer pause than this is taken as this: a back end cannot hold data back for days.
 constexpr auto kLongestRetryAfter = std::chrono::hours(1);
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) ==
-                  std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && text.back() == ' ') {
-    text.remove_suffix(1);
-  }
-  return text;
-}
 
 // An HTTP date in its preferred form, "Sun, 06 Nov 1994 08:49:37 GMT".
 std::optional<Date> parseHttpDate(std::string_view text) {
@@ -55,7 +38,7 @@ std::optional<Date> parseHttpDate(std::string_view text) {
   int minute = 0;
   int second = 0;
   int consumed = 0;
-  if (std::sscanf(copy.c_str(), "%3s %d %3s %d %d:%d:%d %3s%n", weekday, &day, monthName, &year,
+  if (std::sscanf(copy.c_str(), "%3s, %d %3s %d %d:%d:%d %3s%n", weekday, &day, monthName, &year,
                   &hour, &minute, &second, zone, &consumed) != 8 ||
       static_cast<std::size_t>(consumed) != copy.size() || std::string_view(zone) != "GMT") {
     return std::nullopt;

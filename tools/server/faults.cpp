@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "platform/text.h"
+
 namespace kestrova::server {
 namespace {
 
@@ -39,16 +41,6 @@ Result<Fault> faultFromJson(const nlohmann::json& entry, std::string_view member
          : entry.is_string()
              ? Fault::parse(entry.get<std::string>())
              : Result<Fault>(faultError("\"" + std::string(member) + "\" needs a fault"));
-}
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && text.back() == ' ') {
-    text.remove_suffix(1);
-  }
-  return text;
 }
 
 }  // namespace
