@@ -228,6 +228,10 @@ void DeliveryCounts::add(const KestrovaDeliveryEvent& event) {
     ++(statistics ? counts_.statisticsUploads : counts_.deliveredFiles);
   } else {
     ++(statistics ? counts_.failedStatisticsUploads : counts_.failedUploads);
+    counts_.lastFailure =
+        event.httpStatus ? "HTTP " + std::to_string(*event.httpStatus) + " (" + event.family + ")"
+        : event.error    ? event.error->localizedDescription
+                         : std::string();
   }
   counts_.setAside += event.setAside ? 1 : 0;
   if (event.retryNotBefore) {

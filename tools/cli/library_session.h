@@ -109,6 +109,8 @@ class DeliveryCounts {
     int setAside = 0;
     // The latest time before which the back end asked not to be sent a request again.
     std::optional<std::chrono::system_clock::time_point> retryNotBefore;
+    // What the last failed upload was told ("HTTP 400 (body)"), or why it had no answer.
+    std::string lastFailure;
 
     int fileOutcomes() const { return deliveredFiles + failedUploads; }
     int outcomes() const { return fileOutcomes() + statisticsUploads + failedStatisticsUploads; }

@@ -121,7 +121,7 @@ int runSync(const SyncArguments& arguments, const CommonOptions& common) {
                 rejected, counts.failedUploads, seconds);
   }
   std::fflush(stdout);
-  const std::string lastError = log.lastError();
+  const std::string lastError = counts.lastFailure.empty() ? log.lastError() : counts.lastFailure;
   const char* detail = lastError.empty() ? kNoDetail.data() : lastError.c_str();
   if (rejected > 0) {
     std::fprintf(stderr, kSetAside.data(), rejected);
