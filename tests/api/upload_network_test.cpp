@@ -220,15 +220,16 @@ class UploadNetworkTest : public ::testing::Test {
           configuration.timeoutIntervalForRequest = timeout;
           return makeURLSession(configuration);
         },
-        [this](const DeliveryEvent& event) {
-          std::lock_guard lock(eventsMutex_);
-          events_.push_back(event);
+        // Shared: an answer that arrives after the test still finds them.
+        [events = events_](const DeliveryEvent& event) {
+          std::lock_guard lock(events->mutex);
+          events->heard.push_back(event);
         });
   }
 
   std::vector<DeliveryEvent> events() const {
-    std::lock_guard lock(eventsMutex_);
-    return events_;
+    std::lock_guard lock(events_->mutex);
+    return events_->heard;
   }
   // Uploads the file and returns the event of its answer.
   DeliveryEvent uploadAndWait(const FileNameComponents& file, bool bulk) {
@@ -276,8 +277,11 @@ class UploadNetworkTest : public ::testing::Test {
   std::unique_ptr<TokenStore> tokens_;
   std::vector<URLSessionConfiguration> configurations_;
   std::unique_ptr<API> api_;
-  mutable std::mutex eventsMutex_;  // owns events_
-  std::vector<DeliveryEvent> events_;
+  struct Events {
+    std::mutex mutex;  // owns heard
+    std::vector<DeliveryEvent> heard;
+  };
+  const std::shared_ptr<Events> events_ = std::make_shared<Events>();
 };
 
 TEST_F(UploadNetworkTest, ApiHasOneSessionWithOneConnectionPerHostAndTwoQueues) {
