@@ -17,6 +17,7 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/include/kestrova/facade.h
   ${PROJECT_SOURCE_DIR}/include/kestrova/config.h
   ${PROJECT_SOURCE_DIR}/include/kestrova/error.h
+  ${PROJECT_SOURCE_DIR}/include/kestrova/delivery.h
   ${PROJECT_SOURCE_DIR}/include/kestrova/data_type.h
   ${PROJECT_SOURCE_DIR}/include/kestrova/kestrova.h
   ${PROJECT_BINARY_DIR}/generated/kestrova/version.h

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "kestrova/config.h"
+#include "kestrova/delivery.h"
 #include "kestrova/error.h"
 
 class Kestrova {
@@ -57,4 +58,15 @@ class Kestrova {
   // Stops collection and forgets the connected profile, its anchors and statistics, on the
   // calling thread. The stored token stays.
   static void disconnect() noexcept;
+
+  using SyncStateCompletion = std::function<void(const KestrovaSyncState& state)>;
+  using DeliveryListener = std::function<void(const KestrovaDeliveryEvent& event)>;
+
+  // The delivery state kept in the data directory (it survives restarts), read after every
+  // upload outcome already received has been recorded; the completion runs on the main queue.
+  // Without a usable data directory the state is empty.
+  static void syncState(SyncStateCompletion completion) noexcept;
+  // Replaces the one listener; an empty function removes it. It hears every upload outcome of
+  // this process from then on, on the main queue, in the order they were recorded.
+  static void setDeliveryListener(DeliveryListener listener) noexcept;
 };

@@ -18,10 +18,12 @@
  *  - The library is one shared instance that lives until the process ends; nothing needs to be
  *    torn down. The setup calls, kestrova_platform_install() and then
  *    kestrova_main_executor_install(), come before the first call that uses the library
- *    (configure, connect, disconnect, status, profile id, can-connect): that call makes the
+ *    (configure, connect, disconnect, status, profile id, can-connect, sync state, delivery
+ *    listener): that call makes the
  *    instance, on the platform installed at that moment, for good. An executor offered later is
  *    refused with KESTROVA_C_ERROR_TOO_LATE and completions stay on the library's thread.
- *  - Pointers are non-null unless a parameter says "nullable".
+ *  - Pointers are non-null unless a parameter or field says "nullable".
+ *  - Times are seconds since 1970-01-01T00:00:00Z.
  *
  *   static void connected(void* ctx, bool ok, const kestrova_error* error) { ... }
  *   static void configured(void* ctx, bool ok, const kestrova_error* error) {
@@ -142,6 +144,83 @@ kestrova_status kestrova_status_get(void) KESTROVA_NOEXCEPT;
 /* The connected profile's id, owned by the caller; null when none is connected. */
 char* kestrova_profile_id_copy(void) KESTROVA_NOEXCEPT;
 bool kestrova_health_data_can_connect(void) KESTROVA_NOEXCEPT;
+
+/* Why the last upload of a family failed; strings borrowed. */
+typedef struct kestrova_delivery_error {
+  /* 0 when the back end did not answer: domain and code are the transport error's then.
+   * Otherwise the domain is KestrovaLib.HTTPStatus and the code the status. */
+  int http_status;
+  const char* domain;
+  int code;
+  /* The back end's answer (cut short), or the transport error's description. */
+  const char* message;
+  double at;
+} kestrova_delivery_error;
+
+/* Families: "workout", "sleep", "mindful", "ecg", "body" and "statistics". */
+typedef struct kestrova_family_state {
+  const char* family;
+  /* Upload files waiting for the back end; set-aside files are not among them. */
+  size_t pending_files;
+  unsigned long long pending_bytes;
+  /* Since the oldest waiting file was written; -1 when nothing waits. */
+  long long oldest_pending_seconds;
+  /* Nullable: nothing delivered yet. */
+  const double* last_delivered;
+  /* Nullable: no failure yet. */
+  const kestrova_delivery_error* last_error;
+  /* Accepted by the back end since the data directory was first used. */
+  unsigned long long delivered_points;
+} kestrova_family_state;
+
+/* An upload file refused again and again, set aside and no longer sent. */
+typedef struct kestrova_rejected_file {
+  const char* file;
+  const char* family;
+  /* 0 when unknown. */
+  int http_status;
+  int attempts;
+  /* The back end's last answer, cut short. */
+  const char* reason;
+  double at;
+} kestrova_rejected_file;
+
+typedef struct kestrova_sync_state {
+  const kestrova_family_state* families;
+  size_t family_count;
+  const kestrova_rejected_file* rejected;
+  size_t rejected_count;
+} kestrova_sync_state;
+
+/* state and everything it points to are borrowed. */
+typedef void (*kestrova_sync_state_callback)(void* user_data, const kestrova_sync_state* state);
+
+/* One upload answered by the back end, or failed without an answer; strings borrowed. */
+typedef struct kestrova_delivery_event {
+  const char* family;
+  unsigned long long data_points;
+  bool accepted;
+  /* 0 when the back end did not answer; error says why then. */
+  int http_status;
+  /* Nullable. */
+  const kestrova_error* error;
+  /* This refusal set the file aside. */
+  bool set_aside;
+  /* Nullable: the time before which the back end asked (Retry-After) not to be sent it again. */
+  const double* retry_not_before;
+} kestrova_delivery_event;
+
+/* event is borrowed. */
+typedef void (*kestrova_delivery_listener)(void* user_data, const kestrova_delivery_event* event);
+
+/* Reads the delivery state kept in the data directory, after every upload outcome already
+ * received is recorded, and hands it to callback once, on the main queue. */
+void kestrova_sync_state_get(kestrova_sync_state_callback callback,
+                             void* user_data) KESTROVA_NOEXCEPT;
+/* Replaces the one delivery listener (nullable: removes it); it hears every upload outcome from
+ * then on, on the main queue, with user_data untouched. */
+void kestrova_delivery_listener_set(kestrova_delivery_listener listener,
+                                    void* user_data) KESTROVA_NOEXCEPT;
 
 /* Sends every log line to callback from now on; a null callback restores the default sink
  * (standard error). */

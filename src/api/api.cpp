@@ -7,7 +7,6 @@ namespace kestrova {
 namespace {
 
 constexpr std::string_view kProfileNotAccessible = "Profile not accessible";
-constexpr std::string_view kHTTPStatusErrorDomain = "KestrovaLib.HTTPStatus";
 constexpr std::string_view kHTTPStatusDescription = "HTTP status ";
 constexpr int kFirstSuccess = 200;
 constexpr int kLastSuccess = 299;
@@ -31,15 +30,21 @@ Error httpStatusError(int statusCode) {
 
 }  // namespace
 
-API::API(URLComponents baseComponents, const Platform& platform, const SessionFactory& makeSession)
+API::API(URLComponents baseComponents, const Platform& platform, const SessionFactory& makeSession,
+         DeliveryRecorder::Listener listener)
     : session_(makeSession(sessionConfiguration())),
       baseComponents_(std::move(baseComponents)),
       tokenQueue_(
           makeQueue(*platform.dispatcher, kTokenQueueName, QualityOfService::userInteractive)),
       apiQueue_(makeQueue(*platform.dispatcher, kApiQueueName, QualityOfService::background)),
       fileServer_(platform.files, FileServer::sharedWriteQueue(*platform.dispatcher)),
-      tokenStore_(std::make_shared<const TokenStore>(platform.secureStore,
-                                                     platform.applicationIdentifier)) {}
+      tokenStore_(
+          std::make_shared<const TokenStore>(platform.secureStore, platform.applicationIdentifier)),
+      recorder_(std::make_shared<DeliveryRecorder>(
+          platform.defaults, platform.clock,
+          platform.dispatcher->sharedSerialQueue(DeliveryRecorder::kQueueLabel,
+                                                 QualityOfService::utility),
+          fileServer_, std::move(listener))) {}
 
 void API::validateProfile(URLRequestInfo info, Token token, ValidationCompletion completion) const {
   apiQueue_->setSuspended(true);

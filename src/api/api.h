@@ -1,5 +1,6 @@
 // API: the back-end client: one URL session, the token and API operation queues, the upload
-// file store and the token store. Copies share all of them (each thread-safe); the base
+// file store, the token store and the delivery recorder. Copies share all of them (each
+// thread-safe); the base
 // components belong to whoever holds the value, on that holder's queue (the facade's).
 #pragma once
 
@@ -9,6 +10,7 @@
 #include <string_view>
 
 #include "api/api_operation.h"
+#include "api/delivery_recorder.h"
 #include "api/url_request_info.h"
 #include "platform/operation_queue.h"
 #include "platform/platform.h"
@@ -33,9 +35,11 @@ class API {
 
   // The session comes from `makeSession` with at most one connection per host; the queues run
   // on serial queues of the platform's dispatcher; files and tokens live in the platform's
-  // data directory and secure store.
+  // data directory and secure store. `listener` hears every upload's outcome (see
+  // DeliveryRecorder).
   API(URLComponents baseComponents, const Platform& platform,
-      const SessionFactory& makeSession = &makeURLSession);
+      const SessionFactory& makeSession = &makeURLSession,
+      DeliveryRecorder::Listener listener = {});
 
   const std::shared_ptr<URLSession>& session() const { return session_; }
   const URLComponents& baseComponents() const { return baseComponents_; }
@@ -46,6 +50,7 @@ class API {
   const std::shared_ptr<OperationQueue>& apiQueue() const { return apiQueue_; }
   const FileServer& fileServer() const { return fileServer_; }
   const std::shared_ptr<const TokenStore>& tokenStore() const { return tokenStore_; }
+  const std::shared_ptr<DeliveryRecorder>& recorder() const { return recorder_; }
 
   // Suspends the API queue and sends `info` on the token queue, authorised by `token`. A 403
   // logs "Profile not accessible", cancels everything on the API queue and leaves it
@@ -58,8 +63,9 @@ class API {
   // `completion` runs.
   void enqueue(URLRequestInfo info, ApiOperation::CompletionHandler completion) const;
 
-  // Sends one upload file to the ingest endpoint of its directory; status 200 deletes it, so
-  // does a profile without a stored token; anything else keeps it for the next sweep.
+  // Sends one upload file to the ingest endpoint of its directory, once the pause a Retry-After
+  // asked for is over; status 200 deletes it, so does a profile without a stored token; a file
+  // refused again and again is set aside; anything else keeps it for the next sweep.
   void upload(FileNameComponents fileName, bool bulk) const;
   // Uploads every file of the single-upload directory, then of the bulk one, in listing order,
   // after removing the unfinished files of writes that a crash cut short.
@@ -72,6 +78,7 @@ class API {
   std::shared_ptr<OperationQueue> apiQueue_;
   FileServer fileServer_;
   std::shared_ptr<const TokenStore> tokenStore_;
+  std::shared_ptr<DeliveryRecorder> recorder_;
 };
 
 }  // namespace kestrova

@@ -9,5 +9,7 @@ namespace kestrova {
 inline constexpr std::string_view kApiLogCategory = "api";
 inline constexpr int kHTTPStatusOK = 200;
 inline constexpr int kHTTPStatusForbidden = 403;
+// The domain of errors that stand for an HTTP status; the code is the status.
+inline constexpr std::string_view kHTTPStatusErrorDomain = "KestrovaLib.HTTPStatus";
 
 }  // namespace kestrova

@@ -31,34 +31,45 @@ URLRequestInfo uploadRequestInfo(const FileNameComponents& fileName, bool bulk) 
   return info;
 }
 
-void handleUploadOutcome(FileServer& fileServer, const FileNameComponents& fileName, bool bulk,
+bool isAccepted(const std::optional<HTTPURLResponse>& response, const std::optional<Error>& error) {
+  return !error && (!response || response->statusCode == kHTTPStatusOK);
+}
+
+bool handleUploadOutcome(FileServer& fileServer, const FileNameComponents& fileName, bool bulk,
                          const std::optional<HTTPURLResponse>& response,
                          const std::optional<Error>& error) {
   if (!error) {
-    if (response && response->statusCode != kHTTPStatusOK) {
+    if (!isAccepted(response, error)) {
       logInfo(kApiLogCategory, kNotUploaded, {fileName.fileName()});
-      return;
+      return false;
     }
     logInfo(kApiLogCategory, kUploaded, {fileName.fileName()});
     fileServer.remove(fileName, bulk);
-    return;
+    return true;
   }
   // The profile was disconnected: its data is dropped rather than kept for ever.
   if (isNoTokenAvailableFor(*error, fileName.profileId)) {
     logError(kApiLogCategory, kTokenGone, {fileName.profileId});
     fileServer.remove(fileName, bulk);
-    return;
+    return true;
   }
   logError(kApiLogCategory, kUploadFailed, {error->text()});
+  return false;
 }
 
 void API::upload(FileNameComponents fileName, bool bulk) const {
-  auto info = uploadRequestInfo(fileName, bulk);
-  enqueue(std::move(info), [fileServer = fileServer_, fileName = std::move(fileName), bulk](
-                               std::optional<Bytes>, std::optional<HTTPURLResponse> response,
-                               std::optional<Error> error) mutable {
-    handleUploadOutcome(fileServer, fileName, bulk, response, error);
-  });
+  // A copy of the API: a deferred send outlives this call.
+  recorder_->sendWhenAllowed(
+      std::move(fileName), bulk, [api = *this](FileNameComponents fileName, bool bulk) {
+        auto info = uploadRequestInfo(fileName, bulk);
+        api.enqueue(std::move(info),
+                    [recorder = api.recorder_, fileName = std::move(fileName), bulk](
+                        std::optional<Bytes> data, std::optional<HTTPURLResponse> response,
+                        std::optional<Error> error) mutable {
+                      recorder->fileAnswered(std::move(fileName), bulk, std::move(data),
+                                             std::move(response), std::move(error));
+                    });
+      });
 }
 
 void API::uploadPending() const {

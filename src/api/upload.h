@@ -1,6 +1,6 @@
 // The upload request of one file and the handling of its outcome (API::upload and uploadPending
-// are defined beside them). No state: outcomes run on the session's thread and need no lock,
-// since nothing else writes an upload file once it is complete.
+// are defined beside them). No state: outcomes run on the delivery queue (DeliveryRecorder)
+// and need no lock, since nothing else writes an upload file once it is complete.
 #pragma once
 
 #include <optional>
@@ -20,9 +20,12 @@ inline constexpr std::string_view kSourceValue = "Apple";
 // "Source" and "Version"; `bulk` is set only for the bulk directory.
 URLRequestInfo uploadRequestInfo(const FileNameComponents& fileName, bool bulk);
 
-// Deletes the file on status 200 (or a response that is not HTTP) and when its profile has no
-// stored token any more; keeps it on every other outcome. Each case is logged.
-void handleUploadOutcome(FileServer& fileServer, const FileNameComponents& fileName, bool bulk,
+// Status 200, or an answer that is not HTTP: the back end took the data.
+bool isAccepted(const std::optional<HTTPURLResponse>& response, const std::optional<Error>& error);
+
+// Deletes the file when accepted and when its profile has no stored token any more, and then
+// returns true; keeps it on every other outcome. Each case is logged.
+bool handleUploadOutcome(FileServer& fileServer, const FileNameComponents& fileName, bool bulk,
                          const std::optional<HTTPURLResponse>& response,
                          const std::optional<Error>& error);
 

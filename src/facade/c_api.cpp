@@ -148,6 +148,57 @@ void completeUnexpectedly(kestrova_completion completion, void* userData) {
   }
 }
 
+double secondsSince1970(KestrovaTime time) {
+  return std::chrono::duration<double>(time.time_since_epoch()).count();
+}
+
+// The C form of a sync state; its pointers point into this object, which must not move.
+class CSyncState {
+ public:
+  explicit CSyncState(const KestrovaSyncState& state) : source_(state) {
+    errors_.reserve(source_.families.size());
+    delivered_.reserve(source_.families.size());
+    for (const auto& family : source_.families) {
+      kestrova_family_state entry{};
+      entry.family = family.family.c_str();
+      entry.pending_files = family.pendingFiles;
+      entry.pending_bytes = family.pendingBytes;
+      entry.oldest_pending_seconds =
+          family.oldestPendingAge ? family.oldestPendingAge->count() : -1;
+      if (family.lastDelivered) {
+        entry.last_delivered = &delivered_.emplace_back(secondsSince1970(*family.lastDelivered));
+      }
+      if (const auto& error = family.lastError) {
+        entry.last_error = &errors_.emplace_back(kestrova_delivery_error{
+            error->httpStatus.value_or(0), error->domain.c_str(), error->code,
+            error->message.c_str(), secondsSince1970(error->at)});
+      }
+      entry.delivered_points = family.deliveredPoints;
+      families_.push_back(entry);
+    }
+    for (const auto& file : source_.rejected) {
+      rejected_.push_back(kestrova_rejected_file{file.file.c_str(), file.family.c_str(),
+                                                 file.httpStatus.value_or(0), file.attempts,
+                                                 file.reason.c_str(), secondsSince1970(file.at)});
+    }
+  }
+  CSyncState(const CSyncState&) = delete;
+  CSyncState& operator=(const CSyncState&) = delete;
+
+  kestrova_sync_state view() const {
+    return kestrova_sync_state{families_.data(), families_.size(), rejected_.data(),
+                               rejected_.size()};
+  }
+
+ private:
+  const KestrovaSyncState source_;
+  // Reserved up front: entries point at their elements.
+  std::vector<kestrova_delivery_error> errors_;
+  std::vector<double> delivered_;
+  std::vector<kestrova_family_state> families_;
+  std::vector<kestrova_rejected_file> rejected_;
+};
+
 class CallbackSink : public kestrova::LogSink {
  public:
   CallbackSink(kestrova_log_callback callback, void* userData)
@@ -330,6 +381,53 @@ bool kestrova_health_data_can_connect(void) noexcept {
       [] {
         markLibraryUsed();
         return Kestrova::canConnectToHealthData();
+      });
+}
+
+void kestrova_sync_state_get(kestrova_sync_state_callback callback, void* user_data) noexcept {
+  if (callback == nullptr) {
+    guarded(
+        __func__, [] {}, [] { argumentError(nullptr, kMissingCompletion); });
+    return;
+  }
+  guarded(
+      __func__, [] {},
+      [&] {
+        markLibraryUsed();
+        Kestrova::syncState([callback, user_data](const KestrovaSyncState& state) {
+          const CSyncState converted(state);
+          const kestrova_sync_state view = converted.view();
+          callback(user_data, &view);
+        });
+      });
+}
+
+void kestrova_delivery_listener_set(kestrova_delivery_listener listener, void* user_data) noexcept {
+  guarded(
+      __func__, [] {},
+      [&] {
+        markLibraryUsed();
+        if (listener == nullptr) {
+          Kestrova::setDeliveryListener({});
+          return;
+        }
+        Kestrova::setDeliveryListener([listener, user_data](const KestrovaDeliveryEvent& event) {
+          std::optional<kestrova_error> error;
+          if (event.error) {
+            error =
+                kestrova_error{const_cast<char*>(event.error->domain.c_str()), event.error->code,
+                               const_cast<char*>(event.error->localizedDescription.c_str())};
+          }
+          std::optional<double> retry;
+          if (event.retryNotBefore) {
+            retry = secondsSince1970(*event.retryNotBefore);
+          }
+          const kestrova_delivery_event converted{
+              event.family.c_str(),         event.dataPoints,          event.accepted,
+              event.httpStatus.value_or(0), error ? &*error : nullptr, event.setAside,
+              retry ? &*retry : nullptr};
+          listener(user_data, &converted);
+        });
       });
 }
 

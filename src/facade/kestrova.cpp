@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -19,6 +21,7 @@
 #include "statistics/data_manager.h"
 #include "statistics/statistics_queries.h"
 #include "storage/anchor_store.h"
+#include "storage/delivery_store.h"
 #include "storage/profile_store.h"
 #include "storage/token_store.h"
 
@@ -36,6 +39,8 @@ constexpr std::string_view kDisableFailedWithError =
 constexpr std::string_view kDisableFailed = "Could not disable background delivery";
 constexpr std::string_view kUnexpectedFailure = "Unexpected failure in %{public}@: %{public}@";
 constexpr std::string_view kCompletionThrew = "A completion of %{public}@ threw: %{public}@";
+constexpr std::string_view kDeliveryListener = "the delivery listener";
+constexpr std::string_view kSyncState = "syncState";
 
 using Completion = Kestrova::Completion;
 using Error = KestrovaHealthKitError;
@@ -142,6 +147,7 @@ class Instance : public std::enable_shared_from_this<Instance> {
   std::vector<KestrovaHealthKitDataType> enabledDatatypes;
   std::shared_ptr<DataManager> dataManager;
   std::shared_ptr<const API> api;
+  Kestrova::DeliveryListener deliveryListener;
 
  private:
   static std::shared_ptr<HealthStore> openHealthStore(const Platform& platform) {
@@ -322,6 +328,103 @@ void disconnectInstance(const std::shared_ptr<Instance>& instance) {
   }
 }
 
+// Runs `call`, keeping whatever it throws from unwinding into the library's queues.
+template <class Call>
+void callHost(std::string_view what, const Call& call) noexcept {
+  try {
+    call();
+  } catch (const std::exception& e) {
+    logError(kCategory, kCompletionThrew, {what, e.what()});
+  } catch (...) {
+    logError(kCategory, kCompletionThrew, {what, "unknown exception"});
+  }
+}
+
+KestrovaDeliveryEvent publicEvent(const DeliveryEvent& event) {
+  KestrovaDeliveryEvent result;
+  result.family = event.family;
+  result.dataPoints = event.dataPoints;
+  result.accepted = event.accepted;
+  result.httpStatus = event.httpStatus;
+  if (event.error) {
+    result.error = GenericError{event.error->domain, static_cast<int>(event.error->code),
+                                event.error->description};
+  }
+  result.setAside = event.setAside;
+  result.retryNotBefore = event.retryNotBefore;
+  return result;
+}
+
+// Hands an upload's outcome to the host's listener on the main queue. Holds the instance
+// weakly: the API that calls it may outlive it in a test's restart.
+DeliveryRecorder::Listener deliveryListenerOf(const std::shared_ptr<Instance>& instance) {
+  return [weak = std::weak_ptr<Instance>(instance)](const DeliveryEvent& event) {
+    auto self = weak.lock();
+    if (!self) {
+      return;
+    }
+    self->mainQueue()->async([weak, event = publicEvent(event)] {
+      auto self = weak.lock();
+      if (!self) {
+        return;
+      }
+      Kestrova::DeliveryListener listener;
+      {
+        std::lock_guard lock(self->mutex);
+        listener = self->deliveryListener;
+      }
+      if (listener) {
+        callHost(kDeliveryListener, [&] { listener(event); });
+      }
+    });
+  };
+}
+
+KestrovaSyncState readSyncState(const Platform& platform) {
+  KestrovaSyncState state;
+  FileServer files(platform.files, FileServer::sharedWriteQueue(*platform.dispatcher));
+  const DeliveryStore store(platform.defaults);
+  const auto now = platform.clock->now();
+  for (auto family : kDeliveryFamilies) {
+    KestrovaFamilySyncState entry;
+    entry.family = std::string(family);
+    const auto delivery = store.family(family);
+    entry.lastDelivered = delivery.lastDelivered;
+    entry.deliveredPoints = delivery.deliveredPoints;
+    if (const auto& failure = delivery.lastError) {
+      entry.lastError = KestrovaDeliveryError{failure->httpStatus, failure->domain, failure->code,
+                                              failure->message, failure->at};
+    }
+    state.families.push_back(std::move(entry));
+  }
+  for (bool bulk : {false, true}) {
+    for (const auto& file : files.list(bulk)) {
+      const auto family = familyOfFile(file);
+      auto entry = std::find_if(state.families.begin(), state.families.end(),
+                                [&](const auto& candidate) { return candidate.family == family; });
+      if (entry == state.families.end()) {
+        continue;
+      }
+      ++entry->pendingFiles;
+      if (const auto url = files.fileURL(file, bulk)) {
+        if (const auto size = platform.files->fileSize(*url)) {
+          entry->pendingBytes += size.value();
+        }
+      }
+      const auto age =
+          std::max(std::chrono::seconds(0),
+                   std::chrono::duration_cast<std::chrono::seconds>(now - file.timestamp));
+      entry->oldestPendingAge = std::max(entry->oldestPendingAge.value_or(age), age);
+    }
+  }
+  for (const auto& rejected : files.listRejected()) {
+    state.rejected.push_back(KestrovaRejectedFile{
+        rejected.components.fileName(), std::string(familyOfFile(rejected.components)),
+        rejected.httpStatus, rejected.attempts, rejected.reason, rejected.at});
+  }
+  return state;
+}
+
 void configureInstance(const std::shared_ptr<Instance>& instance, const KestrovaConfig& config,
                        const OnceCompletion& completion) {
   auto profileId = instance->tokens->takeToken(config.token());
@@ -347,7 +450,8 @@ void configureInstance(const std::shared_ptr<Instance>& instance, const Kestrova
     fail(instance, completion, Error::invalidScheme());
     return;
   }
-  auto api = std::make_shared<const API>(*components, *instance->platform);
+  auto api = std::make_shared<const API>(*components, *instance->platform, &makeURLSession,
+                                         deliveryListenerOf(instance));
   auto dataManager = DataManager::make(
       *api, config.startDate(),
       DataManager::Environment{instance->platform->defaults, instance->platform->clock,
@@ -628,4 +732,42 @@ void Kestrova::disconnect() noexcept {
   } catch (const std::exception& e) {
     kestrova::logError(kestrova::kCategory, kestrova::kUnexpectedFailure, {"disconnect", e.what()});
   }
+}
+
+void Kestrova::syncState(SyncStateCompletion completion) noexcept {
+  kestrova::callHost(kestrova::kSyncState, [&] {
+    auto instance = kestrova::shared();
+    if (!instance) {
+      if (completion) {
+        completion(KestrovaSyncState{});
+      }
+      return;
+    }
+    // On the delivery queue: after the outcomes already received are recorded.
+    const auto& platform = instance->platform;
+    platform->dispatcher
+        ->sharedSerialQueue(kestrova::DeliveryRecorder::kQueueLabel,
+                            kestrova::QualityOfService::utility)
+        ->async([instance, completion = std::move(completion)] {
+          auto state = std::make_shared<const KestrovaSyncState>();
+          kestrova::callHost(kestrova::kSyncState, [&] {
+            state = std::make_shared<const KestrovaSyncState>(
+                kestrova::readSyncState(*instance->platform));
+          });
+          instance->mainQueue()->async([completion, state] {
+            if (completion) {
+              kestrova::callHost(kestrova::kSyncState, [&] { completion(*state); });
+            }
+          });
+        });
+  });
+}
+
+void Kestrova::setDeliveryListener(DeliveryListener listener) noexcept {
+  kestrova::callHost(kestrova::kDeliveryListener, [&] {
+    if (auto instance = kestrova::shared()) {
+      std::lock_guard lock(instance->mutex);
+      instance->deliveryListener = std::move(listener);
+    }
+  });
 }

@@ -28,15 +28,15 @@ constexpr std::string_view kEnableFailed = "Could not enable background delivery
 std::string_view filePrefix(SampleFamily family) {
   switch (family) {
     case SampleFamily::workouts:
-      return "workout-";
+      return kWorkoutPrefix;
     case SampleFamily::sleep:
-      return "sleep-";
+      return kSleepPrefix;
     case SampleFamily::mindfulSessions:
-      return "mindful-";
+      return kMindfulPrefix;
     case SampleFamily::electrocardiograms:
-      return "ecg-";
+      return kEcgPrefix;
     case SampleFamily::bodyMeasurements:
-      return "body-";
+      return kBodyPrefix;
   }
   return "";
 }

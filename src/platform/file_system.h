@@ -25,6 +25,9 @@ class FileSystem {
   virtual Status createFileAtomically(const std::filesystem::path& path, const Bytes& data) = 0;
   virtual Result<Bytes> readFile(const std::filesystem::path& path) const = 0;
   virtual Status removeFile(const std::filesystem::path& path) = 0;
+  // Gives the file `from` the name `to` in one step (a crash leaves it under one of the two),
+  // unless a file has that name already: that failure is one isNameTaken recognises.
+  virtual Status moveFile(const std::filesystem::path& from, const std::filesystem::path& to) = 0;
   // The names in a directory, without hidden names (those that begin with "."), in the
   // file system's order.
   virtual Result<std::vector<std::string>> listDirectory(

@@ -16,7 +16,6 @@ namespace {
 
 constexpr std::string_view kCategory = "statistics";
 constexpr std::string_view kBulkIngestPath = "v1.3/ingest/bulk/";
-constexpr int kStatusOK = 200;
 
 struct FamilyTexts {
   std::string_view error;
@@ -257,6 +256,7 @@ void DataManager::upload(Family family, StatisticsPage<Record> page, Date tickTi
   points = nullptr;
   info.extraHeaders = HTTPHeaders{{std::string(kSourceHeader), std::string(kSourceValue)},
                                   {std::string(kVersionHeader), std::string(versionText())}};
+  const std::uint64_t dataPoints = page.records.size();
   auto answer = std::make_shared<PageAnswer>();
   answer->finish = [weak = weak_from_this(), store = store_, queue = queue_, family, tickTime,
                     sent = std::move(page.records), last = std::move(page.last),
@@ -280,22 +280,21 @@ void DataManager::upload(Family family, StatisticsPage<Record> page, Date tickTi
       }
     });
   };
-  auto completion = [texts, answer, profileId = profile->id](
-                        std::optional<Bytes>, std::optional<HTTPURLResponse> response,
-                        std::optional<Error> error) {
+  auto completion = [texts, answer, profileId = profile->id, recorder = api_.recorder(),
+                     dataPoints](std::optional<Bytes> data, std::optional<HTTPURLResponse> response,
+                                 std::optional<Error> error) {
+    // A completion without an HTTP answer counts as success, as for the upload files.
+    const bool accepted = isAccepted(response, error);
     if (error) {
       logError(kCategory, texts.error, {error->description});
-      answer->answer(false);
-      return;
-    }
-    // A completion without an HTTP answer counts as success, as for the upload files.
-    if (response && response->statusCode != kStatusOK) {
+    } else if (!accepted) {
       logError(kCategory, texts.failure, {profileId});
-      answer->answer(false);
-      return;
+    } else {
+      logInfo(kCategory, texts.success, {profileId});
     }
-    logInfo(kCategory, texts.success, {profileId});
-    answer->answer(true);
+    recorder->statisticsAnswered(dataPoints, accepted, std::move(data), std::move(response),
+                                 std::move(error));
+    answer->answer(accepted);
   };
   // NOTE: the operation carries the profile's token so that the request is authorised with
   // the bearer stored for it: the ingest endpoint refuses requests without one.

@@ -1,6 +1,8 @@
 #include "storage/file_server.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 
@@ -15,6 +17,14 @@ namespace fs = std::filesystem;
 constexpr std::string_view kCategory = "files";
 constexpr std::string_view kUploadDirectory = "Kestrova/Upload";
 constexpr std::string_view kUploadBulkDirectory = "Kestrova/UploadBulk";
+constexpr std::string_view kRejectedDirectory = "Kestrova/Rejected";
+// The record beside a set-aside file: its name and this suffix.
+constexpr std::string_view kRecordSuffix = ".rejected.json";
+constexpr std::string_view kRecordBulk = "bulk";
+constexpr std::string_view kRecordHttpStatus = "httpStatus";
+constexpr std::string_view kRecordAttempts = "attempts";
+constexpr std::string_view kRecordReason = "reason";
+constexpr std::string_view kRecordAt = "at";
 
 constexpr std::string_view kNoDirectory =
     "Trying to get the directory URL to fails with error: %{public}@";
@@ -35,15 +45,26 @@ constexpr std::string_view kUnfinishedRemoved =
     "Removed the unfinished file of an interrupted write: %{public}@";
 constexpr std::string_view kUnfinishedNotRemoved =
     "Cannot remove the unfinished files of interrupted writes: %{public}@";
+constexpr std::string_view kSetAside =
+    "File %{public}@ was refused %{public}@ times and is set aside in %{public}@";
+constexpr std::string_view kNotSetAside = "Cannot set file %{public}@ aside: %{public}@";
+constexpr std::string_view kRestored = "File %{public}@ goes back to %{public}@ for the next sweep";
+constexpr std::string_view kNotRestored = "Cannot move file %{public}@ back: %{public}@";
 
 // Free of FileServer so that work left on the write queue never needs the server itself.
+std::optional<fs::path> directoryUnderDocuments(FileSystem& files, std::string_view name);
+
 std::optional<fs::path> uploadDirectory(FileSystem& files, bool bulk) {
+  return directoryUnderDocuments(files, bulk ? kUploadBulkDirectory : kUploadDirectory);
+}
+
+std::optional<fs::path> directoryUnderDocuments(FileSystem& files, std::string_view name) {
   auto documents = files.documentsDirectory();
   if (!documents) {
     logError(kCategory, kNoDirectory, {documents.error().text()});
     return std::nullopt;
   }
-  auto directory = *documents / (bulk ? kUploadBulkDirectory : kUploadDirectory);
+  auto directory = *documents / name;
   if (auto error = files.createDirectories(directory)) {
     logError(kCategory, kNoDirectory, {error->text()});
     return std::nullopt;
@@ -71,7 +92,59 @@ void appendSequenceNumber(std::string& sampleId) {
   sampleId += std::to_string(sequence.fetch_add(1) + 1);
 }
 
+using Milliseconds = std::chrono::milliseconds;
+
+Bytes recordBytes(const RejectedFile& record) {
+  nlohmann::json json = {
+      {kRecordBulk, record.bulk},
+      {kRecordHttpStatus,
+       record.httpStatus ? nlohmann::json(*record.httpStatus) : nlohmann::json()},
+      {kRecordAttempts, record.attempts},
+      {kRecordReason, record.reason},
+      {kRecordAt, std::chrono::duration_cast<Milliseconds>(record.at.time_since_epoch()).count()}};
+  return toBytes(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+// What the record says; a missing or damaged one leaves the defaults (a bulk file, as every
+// batch is).
+RejectedFile readRecord(const FileSystem& files, const fs::path& path,
+                        FileNameComponents components) {
+  RejectedFile record;
+  record.components = std::move(components);
+  record.at = record.components.timestamp;
+  auto bytes = files.readFile(path);
+  if (!bytes) {
+    return record;
+  }
+  const auto json = nlohmann::json::parse(bytes.value(), nullptr, false);
+  if (!json.is_object()) {
+    return record;
+  }
+  record.bulk = json.value(kRecordBulk, true);
+  if (const auto status = json.find(kRecordHttpStatus);
+      status != json.end() && status->is_number_integer()) {
+    record.httpStatus = status->get<int>();
+  }
+  record.attempts = json.value(kRecordAttempts, 0);
+  record.reason = json.value(kRecordReason, std::string());
+  record.at = Date(Milliseconds(json.value(kRecordAt, std::int64_t{0})));
+  return record;
+}
+
+std::string recordName(const FileNameComponents& components) {
+  return components.fileName() + std::string(kRecordSuffix);
+}
+
 }  // namespace
+
+std::string_view familyOfFile(const FileNameComponents& components) {
+  for (auto prefix : kBatchPrefixes) {
+    if (components.sampleId.starts_with(prefix)) {
+      return familyOfPrefix(prefix);
+    }
+  }
+  return kSingleSampleFamily;
+}
 
 std::string FileNameComponents::fileName() const {
   std::string name = timestampString(timestamp);
@@ -243,6 +316,73 @@ void FileServer::removeUnfinishedWrites() const {
       }
     }
   });
+}
+
+bool FileServer::setAside(const RejectedFile& record) {
+  const auto name = record.components.fileName();
+  const auto from = uploadFile(*files_, record.components, record.bulk);
+  const auto rejected = directoryUnderDocuments(*files_, kRejectedDirectory);
+  if (!from || !rejected) {
+    return false;
+  }
+  const auto recordPath = *rejected / recordName(record.components);
+  // A record left by a set-aside that a crash cut short.
+  files_->removeFile(recordPath);
+  if (auto error = files_->createFileAtomically(recordPath, recordBytes(record))) {
+    logError(kCategory, kNotSetAside, {name, error->text()});
+    return false;
+  }
+  if (auto error = files_->moveFile(*from, *rejected / name)) {
+    logError(kCategory, kNotSetAside, {name, error->text()});
+    files_->removeFile(recordPath);
+    return false;
+  }
+  logError(kCategory, kSetAside, {name, std::to_string(record.attempts), rejected->string()});
+  return true;
+}
+
+std::vector<RejectedFile> FileServer::listRejected() const {
+  std::vector<RejectedFile> records;
+  const auto rejected = directoryUnderDocuments(*files_, kRejectedDirectory);
+  if (!rejected) {
+    return records;
+  }
+  auto names = files_->listDirectory(*rejected);
+  if (!names) {
+    logError(kCategory, kCannotOpenDirectory, {rejected->string()});
+    return records;
+  }
+  std::sort(names.value().begin(), names.value().end());
+  for (const auto& name : names.value()) {
+    if (auto components = FileNameComponents::parse(name);
+        components && !name.ends_with(kRecordSuffix)) {
+      records.push_back(readRecord(*files_, *rejected / recordName(*components), *components));
+    }
+  }
+  return records;
+}
+
+std::vector<RejectedFile> FileServer::restoreRejected() {
+  std::vector<RejectedFile> restored;
+  const auto rejected = directoryUnderDocuments(*files_, kRejectedDirectory);
+  if (!rejected) {
+    return restored;
+  }
+  for (auto& record : listRejected()) {
+    const auto name = record.components.fileName();
+    const auto to = uploadFile(*files_, record.components, record.bulk);
+    if (!to) {
+      continue;
+    }
+    if (auto error = files_->moveFile(*rejected / name, *to)) {
+      logError(kCategory, kNotRestored, {name, error->text()});
+      continue;
+    }
+    files_->removeFile(*rejected / recordName(record.components));
+    logInfo(kCategory, kRestored, {name, to->parent_path().string()});
+    restored.push_back(std::move(record));
+  }
+  return restored;
 }
 
 FileNameComponents FileServer::makeBatchComponents(std::string_view prefix, std::string profileId,

@@ -1,10 +1,12 @@
 // The upload file store: one file per payload in "Kestrova/Upload" or "Kestrova/UploadBulk"
-// under the documents directory, named timestamp "---" sample id "---" profile id. Writes are
-// serialised on the write queue "com.kestrova.queue.fileserver.write"; reads, deletes and
-// listings run on the caller's thread. A file becomes known only once it is complete (its
+// under the documents directory, named timestamp "---" sample id "---" profile id, and the
+// files the back end refused for good, set aside in "Kestrova/Rejected". Writes are
+// serialised on the write queue "com.kestrova.queue.fileserver.write"; reads, deletes, moves
+// and listings run on the caller's thread. A file becomes known only once it is complete (its
 // write completion, or a listing), so they need no lock.
 #pragma once
 
+#include <array>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -32,8 +34,45 @@ struct FileNameComponents {
   friend bool operator==(const FileNameComponents&, const FileNameComponents&) = default;
 };
 
+// The families of upload files: a batch's sample id begins with its family's prefix. The
+// statistics are uploaded without files; a file of neither kind holds a single sample.
+inline constexpr std::string_view kWorkoutPrefix = "workout-";
+inline constexpr std::string_view kSleepPrefix = "sleep-";
+inline constexpr std::string_view kMindfulPrefix = "mindful-";
+inline constexpr std::string_view kEcgPrefix = "ecg-";
+inline constexpr std::string_view kBodyPrefix = "body-";
+inline constexpr std::string_view kStatisticsFamily = "statistics";
+inline constexpr std::string_view kSingleSampleFamily = "sample";
+inline constexpr std::array<std::string_view, 5> kBatchPrefixes = {
+    kWorkoutPrefix, kSleepPrefix, kMindfulPrefix, kEcgPrefix, kBodyPrefix};
+// A batch family's name: its prefix without the final "-".
+constexpr std::string_view familyOfPrefix(std::string_view prefix) {
+  return prefix.substr(0, prefix.size() - 1);
+}
+// Every family the delivery state follows, in the order reports show them.
+inline constexpr std::array<std::string_view, 6> kDeliveryFamilies = {
+    familyOfPrefix(kWorkoutPrefix), familyOfPrefix(kSleepPrefix), familyOfPrefix(kMindfulPrefix),
+    familyOfPrefix(kEcgPrefix),     familyOfPrefix(kBodyPrefix),  kStatisticsFamily};
+
+// "workout", ..., "body" by the sample id's prefix, or kSingleSampleFamily.
+std::string_view familyOfFile(const FileNameComponents& components);
+
+// A file the back end refused for good, and the record kept beside it in "Kestrova/Rejected".
+struct RejectedFile {
+  FileNameComponents components;
+  // The upload directory it came from, and goes back to.
+  bool bulk = true;
+  std::optional<int> httpStatus;
+  int attempts = 0;
+  // The back end's answer, cut to kMaximumReasonBytes.
+  std::string reason;
+  Date at;
+};
+
 class FileServer {
  public:
+  static constexpr std::size_t kMaximumReasonBytes = 512;
+
   static constexpr std::string_view kWriteQueueLabel = "com.kestrova.queue.fileserver.write";
   static constexpr std::string_view kSeparator = "---";
   static constexpr int kMaximumWriteAttempts = 3;
@@ -71,6 +110,18 @@ class FileServer {
   // NOTE: another process writing into the same data directory at that moment loses its
   // temporary file, and so that write attempt; its retry writes the file again.
   void removeUnfinishedWrites() const;
+
+  // Moves the file from its upload directory to "Kestrova/Rejected", with `record` beside it
+  // (written first, so that a crash in between leaves the file where it was and an unused
+  // record); false, logged, when it stays where it is. Listings of the upload directories no
+  // longer see it.
+  bool setAside(const RejectedFile& record);
+  // The set-aside files in name order, each with its record (or a record of what the name
+  // says when its own is missing or unreadable).
+  std::vector<RejectedFile> listRejected() const;
+  // Moves every set-aside file back to the upload directory it came from, for the next sweep,
+  // and returns those moved; their records go.
+  std::vector<RejectedFile> restoreRejected();
 
   // Components for a batch of one family: the sample id is `prefix`, the GMT timestamp of
   // `now`, "-" and the next number of the process's name sequence, so that no two batches get

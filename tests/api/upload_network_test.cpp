@@ -11,6 +11,7 @@
 #include "api/api.h"
 #include "api/profile_request.h"
 #include "kestrova/version.h"
+#include "storage/delivery_store.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -212,12 +213,30 @@ class UploadNetworkTest : public ::testing::Test {
   }
 
   std::unique_ptr<API> makeApi(std::chrono::milliseconds timeout) {
-    return std::make_unique<API>(*URLComponents::parse(server_.baseURL()), *test_.platform,
-                                 [this, timeout](URLSessionConfiguration configuration) {
-                                   configurations_.push_back(configuration);
-                                   configuration.timeoutIntervalForRequest = timeout;
-                                   return makeURLSession(configuration);
-                                 });
+    return std::make_unique<API>(
+        *URLComponents::parse(server_.baseURL()), *test_.platform,
+        [this, timeout](URLSessionConfiguration configuration) {
+          configurations_.push_back(configuration);
+          configuration.timeoutIntervalForRequest = timeout;
+          return makeURLSession(configuration);
+        },
+        // Shared: an answer that arrives after the test still finds them.
+        [events = events_](const DeliveryEvent& event) {
+          std::lock_guard lock(events->mutex);
+          events->heard.push_back(event);
+        });
+  }
+
+  std::vector<DeliveryEvent> events() const {
+    std::lock_guard lock(events_->mutex);
+    return events_->heard;
+  }
+  // Uploads the file and returns the event of its answer.
+  DeliveryEvent uploadAndWait(const FileNameComponents& file, bool bulk) {
+    const auto before = events().size();
+    api_->upload(file, bulk);
+    EXPECT_TRUE(eventually([&] { return events().size() > before; }));
+    return events().back();
   }
 
   FileNameComponents putFile(std::string sampleId, bool bulk, std::string_view contents = "[{}]",
@@ -258,6 +277,11 @@ class UploadNetworkTest : public ::testing::Test {
   std::unique_ptr<TokenStore> tokens_;
   std::vector<URLSessionConfiguration> configurations_;
   std::unique_ptr<API> api_;
+  struct Events {
+    std::mutex mutex;  // owns heard
+    std::vector<DeliveryEvent> heard;
+  };
+  const std::shared_ptr<Events> events_ = std::make_shared<Events>();
 };
 
 TEST_F(UploadNetworkTest, ApiHasOneSessionWithOneConnectionPerHostAndTwoQueues) {
@@ -511,6 +535,87 @@ TEST_F(UploadNetworkTest, ProfileIsValidOn2xxAndOnlyA403HoldsTheQueue) {
     EXPECT_EQ(api_->apiQueue()->isSuspended(), refused) << c.status;
     EXPECT_EQ(logged("Profile not accessible"), refused) << c.status;
   }
+}
+
+TEST_F(UploadNetworkTest, OnlyFiveRefusalsInARowSetAFileAside) {
+  const auto refused = putFile("workout-1", true, R"([{"a":1},{"b":[2,3]},{}])");
+  const auto forbidden = putFile("body-1", true);
+  const auto rejectedDirectory = dir_.path() / "Kestrova" / "Rejected";
+  // Four refusals, then an answer that is none (the row starts again), then four more.
+  for (int status : {400, 422, 400, 400, 503, 400, 400, 404, 400}) {
+    server_.scriptIngest(Reply{status});
+    const auto event = uploadAndWait(refused, true);
+    EXPECT_FALSE(event.accepted);
+    EXPECT_EQ(event.httpStatus, status);
+    EXPECT_EQ(event.family, "workout");
+    EXPECT_EQ(event.dataPoints, 3u);
+    EXPECT_FALSE(event.setAside) << status;
+  }
+  EXPECT_TRUE(exists(refused, true));
+  server_.scriptIngest(Reply{400});
+  EXPECT_TRUE(uploadAndWait(refused, true).setAside);
+  EXPECT_FALSE(exists(refused, true));
+  EXPECT_TRUE(std::filesystem::exists(rejectedDirectory / refused.fileName()));
+  const auto rejected = api_->fileServer().listRejected();
+  ASSERT_EQ(rejected.size(), 1u);
+  EXPECT_EQ(rejected[0].attempts, 5);
+  EXPECT_EQ(rejected[0].httpStatus, 400);
+  EXPECT_EQ(rejected[0].reason, "{}");
+
+  // Refusals of the token, of slow or of too many requests say nothing about the data.
+  for (int status : {401, 403, 408, 429, 401, 403, 408, 429}) {
+    server_.scriptIngest(Reply{status});
+    EXPECT_FALSE(uploadAndWait(forbidden, true).setAside) << status;
+  }
+  EXPECT_TRUE(exists(forbidden, true));
+
+  // What the state keeps: the last failure, and what was delivered.
+  const auto accepted = uploadAndWait(forbidden, true);
+  EXPECT_TRUE(accepted.accepted);
+  EXPECT_EQ(accepted.dataPoints, 1u);
+  const DeliveryStore store(test_.platform->defaults);
+  EXPECT_EQ(store.family("workout").lastError->httpStatus, 400);
+  EXPECT_EQ(store.family("workout").deliveredPoints, 0u);
+  EXPECT_EQ(store.family("body").lastError->httpStatus, 429);
+  EXPECT_EQ(store.family("body").deliveredPoints, 1u);
+  EXPECT_EQ(store.family("body").lastDelivered, test_.clock->now());
+  EXPECT_EQ(store.attempts(forbidden.fileName()).refusals, 0);
+}
+
+TEST_F(UploadNetworkTest, AFileIsNotSentBeforeTheTimeItsRetryAfterNamed) {
+  const auto file = putFile("body-1", true);
+  DeliveryStore(test_.platform->defaults)
+      .setAttempts(file.fileName(),
+                   UploadAttempts{0, test_.clock->now() + std::chrono::seconds(2)});
+  api_->upload(file, true);
+  api_->uploadPending();
+  test_.clock->advance(std::chrono::milliseconds(1999));
+  EXPECT_EQ(test_.clock->armedTimerCount(), 1u);
+  EXPECT_EQ(server_.count("/api/v1.3/ingest/"), 0u);
+  test_.clock->advance(std::chrono::milliseconds(1));
+  ASSERT_TRUE(eventually([&] { return logged(uploaded(file)); }));
+  // Both sends waited for the one pause, and became one.
+  EXPECT_EQ(server_.count("/api/v1.3/ingest/"), 1u);
+}
+
+TEST(RetryAfter, TakesSecondsAndHttpDatesOnlyOn429And503) {
+  const Date now = utc(2024, 3, 1, 8);
+  const auto answer = [](int status, std::string value) {
+    return HTTPURLResponse{"", status, {{"retry-after", std::move(value)}}};
+  };
+  EXPECT_EQ(retryNotBefore(answer(503, "2"), now), now + std::chrono::seconds(2));
+  EXPECT_EQ(retryNotBefore(answer(429, " 0 "), now), now);
+  EXPECT_EQ(retryNotBefore(answer(503, "Fri, 01 Mar 2024 08:00:30 GMT"), now),
+            utc(2024, 3, 1, 8, 0, 30));
+  // A date already past allows the next attempt at once; a far one is cut to an hour.
+  EXPECT_EQ(retryNotBefore(answer(503, "Thu, 29 Feb 2024 08:00:00 GMT"), now), utc(2024, 2, 29, 8));
+  EXPECT_EQ(retryNotBefore(answer(503, "86400"), now), now + std::chrono::hours(1));
+  for (const char* bad : {"", "soon", "-1", "1.5", "Fri, 31 Feb 2024 08:00:30 GMT",
+                          "Fri, 01 Mar 2024 08:00:30 CET", "99999999999999999999"}) {
+    EXPECT_FALSE(retryNotBefore(answer(503, bad), now)) << bad;
+  }
+  EXPECT_FALSE(retryNotBefore(answer(500, "2"), now));
+  EXPECT_FALSE(retryNotBefore(HTTPURLResponse{"", 503, {}}, now));
 }
 
 }  // namespace

@@ -233,7 +233,69 @@ static void test_library_errors_reach_c(void) {
   CHECK(kestrova_profile_id_copy() == NULL);
 }
 
+/* What the delivery listener heard; the test's thread only (it runs the host's loop). */
+typedef struct deliveries {
+  int events;
+  unsigned long long body_points;
+  int body_status;
+} deliveries;
+
+static void on_delivery(void* user_data, const kestrova_delivery_event* event) {
+  CHECK(pthread_equal(pthread_self(), host_thread) && running_host_item);
+  deliveries* heard = user_data;
+  ++heard->events;
+  if (event->accepted && strcmp(event->family, "body") == 0) {
+    heard->body_points += event->data_points;
+    heard->body_status = event->http_status;
+    CHECK(event->error == NULL);
+    CHECK(!event->set_aside);
+  }
+}
+
+typedef struct state_check {
+  int calls;
+  bool matches_cpp;
+  unsigned long long body_points;
+  bool body_delivered;
+  size_t body_pending;
+  size_t family_count;
+} state_check;
+
+static void on_state(void* user_data, const kestrova_sync_state* state) {
+  CHECK(pthread_equal(pthread_self(), host_thread) && running_host_item);
+  state_check* check = user_data;
+  ++check->calls;
+  check->matches_cpp = harness_sync_state_matches(state);
+  check->family_count = state->family_count;
+  for (size_t i = 0; i < state->family_count; ++i) {
+    if (strcmp(state->families[i].family, "body") == 0) {
+      check->body_points = state->families[i].delivered_points;
+      check->body_delivered = state->families[i].last_delivered != NULL;
+      check->body_pending = state->families[i].pending_files;
+    }
+  }
+}
+
+/* The state as C gets it, beside the state C++ got just before: the same. */
+static void check_sync_state(unsigned long long body_points) {
+  harness_request_cpp_sync_state();
+  state_check check = {0};
+  kestrova_sync_state_get(on_state, &check);
+  double deadline = now_seconds() + DEADLINE_SECONDS;
+  while (check.calls == 0 && now_seconds() < deadline) {
+    short_wait();
+  }
+  CHECK(check.calls == 1);
+  CHECK(check.matches_cpp);
+  CHECK(check.family_count == 6);
+  CHECK(check.body_points == body_points);
+  CHECK(check.body_delivered);
+  CHECK(check.body_pending == 0);
+}
+
 static void test_connect_delivers_and_disconnect_forgets(const char* data_directory) {
+  deliveries heard = {0};
+  kestrova_delivery_listener_set(on_delivery, &heard);
   double now = (double)time(NULL);
   CHECK(harness_seed_body_mass(data_directory, now - 86400.0));
   char* token = harness_token_for(PROFILE);
@@ -262,6 +324,14 @@ static void test_connect_delivers_and_disconnect_forgets(const char* data_direct
     short_wait();
   }
   CHECK(harness_data_point_count(PROFILE) >= 1);
+  deadline = now_seconds() + DEADLINE_SECONDS;
+  while (heard.body_points == 0 && now_seconds() < deadline) {
+    short_wait();
+  }
+  CHECK(heard.body_points == 1);
+  CHECK(heard.body_status == 200);
+  check_sync_state(heard.body_points);
+  kestrova_delivery_listener_set(NULL, NULL);
 
   kestrova_library_disconnect();
   CHECK(kestrova_status_get() == KESTROVA_STATUS_DISCONNECTED);

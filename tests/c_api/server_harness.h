@@ -6,6 +6,8 @@
 #include <stdbool.h>
 #include <stddef.h>
 
+#include "kestrova/kestrova.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -22,6 +24,12 @@ char* harness_foreign_token_for(const char* profile);
 size_t harness_data_point_count(const char* profile);
 /* Saves one body mass sample dated seconds_since_1970 into the store of data_directory. */
 bool harness_seed_body_mass(const char* data_directory, double seconds_since_1970);
+
+/* Asks the C++ facade for its sync state; it arrives on the main queue, before the answer of a
+ * kestrova_sync_state_get() made after this call. */
+void harness_request_cpp_sync_state(void);
+/* Whether state says what the C++ state that arrived last says, field by field. */
+bool harness_sync_state_matches(const kestrova_sync_state* state);
 
 #ifdef __cplusplus
 }

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -191,12 +193,15 @@ TEST_F(CliTest, SyncDeliversAnImportAndTheReportingCommandsAgree) {
   EXPECT_EQ(report["profileId"], kProfile);
   EXPECT_EQ(report["pendingFiles"], 0);
   EXPECT_EQ(report["failedUploads"], 0);
-  int perFamily = 0;
-  for (const auto& [family, files] : report["delivered"].items()) {
-    perFamily += files.get<int>();
+  EXPECT_EQ(report["rejectedFiles"], 0);
+  EXPECT_GT(report["deliveredFiles"].get<int>(), 0);
+  // The events count data points, not files: as many as the server received.
+  std::int64_t perFamily = 0;
+  for (const auto& [family, points] : report["delivered"].items()) {
+    perFamily += points.get<std::int64_t>();
   }
-  EXPECT_GT(perFamily, 0);
-  EXPECT_EQ(report["deliveredFiles"], perFamily);
+  const auto received = server_->stats().store;
+  EXPECT_EQ(perFamily, received.dataPoints + received.duplicates) << synced.out;
   // The export holds workouts and body measurements; both reached the server.
   EXPECT_GT(report["delivered"].value("workout", 0), 0);
   EXPECT_GT(report["delivered"].value("body", 0), 0);
@@ -212,6 +217,15 @@ TEST_F(CliTest, SyncDeliversAnImportAndTheReportingCommandsAgree) {
   EXPECT_EQ(status["status"], "connected");
   EXPECT_EQ(status["profileId"], kProfile);
   EXPECT_EQ(status["pendingFiles"], 0);
+  // The state kept by the library says the same as the sync's events.
+  for (const auto& [family, points] : report["delivered"].items()) {
+    const auto& delivery = status["delivery"][family];
+    EXPECT_EQ(delivery["deliveredPoints"], points) << family;
+    EXPECT_TRUE(delivery["lastDelivered"].is_string()) << family;
+    EXPECT_TRUE(delivery["lastError"].is_null()) << family;
+    EXPECT_EQ(delivery["pendingFiles"], 0) << family;
+  }
+  EXPECT_EQ(status["rejected"], nlohmann::json::array());
   EXPECT_EQ(kestrova("pending --json").json(), nlohmann::json::array());
 
   const CommandRun disconnect = kestrova("disconnect --json");
@@ -228,7 +242,7 @@ TEST_F(CliTest, FilesKeptWhileTheBackEndFailsAreListedAndDeliveredByTheNextSync)
   server::FaultPlan failing;
   failing.script = server::FaultPlan::parseScript("pass").value();
   failing.rate = 1.0;
-  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}};
+  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}, {}};
   server_->setFaults(failing);
 
   const CommandRun stuck =
@@ -259,7 +273,7 @@ TEST_F(CliTest, FailedStatisticsUploadsMakeSyncIncompleteAndTheNextSyncSendsThem
   server::FaultPlan failing;
   failing.script = server::FaultPlan::parseScript("pass").value();
   failing.rate = 1.0;
-  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}};
+  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}, {}};
   server_->setFaults(failing);
 
   const CommandRun failed = kestrova(syncArguments(), token);
@@ -370,7 +384,7 @@ TEST_F(CliTest, WatchRetriesKeptFilesWithBackoffAndDeliversThemOnceTheBackEndRec
   server::FaultPlan failing;
   failing.script = server::FaultPlan::parseScript("pass").value();
   failing.rate = 1.0;
-  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}};
+  failing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}, {}};
   server_->setFaults(failing);
 
   auto watch = this->watch("--max-retry-delay 0.5", server_->tokenFor(std::string(kProfile)));
@@ -397,6 +411,125 @@ TEST_F(CliTest, WatchRetriesKeptFilesWithBackoffAndDeliversThemOnceTheBackEndRec
   EXPECT_EQ(events.back()["retries"], retries);
   EXPECT_GT(events.back()["failedUploads"].get<int>(), 0);
   EXPECT_EQ(kestrova("pending --json").json(), nlohmann::json::array());
+}
+
+TEST_F(CliTest, FilesRefusedFiveTimesAreSetAsideAndComeBackWithRetry) {
+  ASSERT_EQ(kestrova("import --quiet " + std::string(kExport)).exitCode, 0);
+  const std::string token = server_->tokenFor(std::string(kProfile));
+  // Every ingest is refused; the profile checks pass.
+  server::FaultPlan refusing;
+  refusing.rate = 1.0;
+  refusing.rateFault = server::Fault{server::Fault::Kind::status, 400, {}, {}};
+  refusing.pathPrefix = "/api/v1.3/ingest/";
+  const auto refuseIngests = [&] { server_->setFaults(refusing); };
+
+  for (int run = 1; run < 5; ++run) {
+    refuseIngests();
+    const CommandRun refused = kestrova(syncArguments(), token);
+    EXPECT_EQ(refused.exitCode, 6) << refused.err;
+    EXPECT_GT(refused.json()["pendingFiles"].get<int>(), 0) << run;
+    EXPECT_EQ(refused.json()["rejectedFiles"], 0) << run;
+  }
+  const auto before = kestrova("status --json").json();
+  const auto waiting = before["pendingFiles"].get<int>();
+  EXPECT_EQ(before["delivery"]["body"]["lastError"]["httpStatus"], 400) << before["delivery"];
+  EXPECT_TRUE(before["delivery"]["body"]["lastDelivered"].is_null());
+  EXPECT_GT(before["delivery"]["body"]["pendingFiles"].get<int>(), 0);
+  EXPECT_EQ(before["rejected"], nlohmann::json::array());
+
+  // The fifth refusal in a row sets every file aside: the sync no longer waits for them.
+  refuseIngests();
+  const CommandRun fifth = kestrova(syncArguments(), token);
+  EXPECT_EQ(fifth.json()["pendingFiles"], 0) << fifth.out;
+  EXPECT_EQ(fifth.json()["rejectedFiles"], waiting) << fifth.out;
+  EXPECT_NE(fifth.err.find("set aside"), std::string::npos) << fifth.err;
+  const auto after = kestrova("status --json").json();
+  EXPECT_EQ(after["pendingFiles"], 0);
+  ASSERT_EQ(after["rejected"].size(), static_cast<std::size_t>(waiting)) << after;
+  std::set<std::string> families;
+  for (const auto& file : after["rejected"]) {
+    EXPECT_EQ(file["httpStatus"], 400) << file;
+    EXPECT_EQ(file["attempts"], 5) << file;
+    EXPECT_NE(file["reason"].get<std::string>().find("injected fault"), std::string::npos) << file;
+    families.insert(file["family"].get<std::string>());
+  }
+  EXPECT_TRUE(families.contains("workout") && families.contains("body")) << after["rejected"];
+  const auto& bodyError = after["delivery"]["body"]["lastError"];
+  EXPECT_EQ(bodyError["domain"], "KestrovaLib.HTTPStatus");
+  EXPECT_EQ(bodyError["code"], 400);
+  EXPECT_NE(bodyError["message"].get<std::string>().find("injected fault"), std::string::npos);
+  EXPECT_EQ(kestrova("rejected --json").json(), after["rejected"]);
+  EXPECT_NE(kestrova("status").out.find("Set aside:     " + std::to_string(waiting)),
+            std::string::npos);
+  EXPECT_TRUE(server_->dataPoints(std::string(kProfile)).empty());
+
+  // Once the back end takes them again, they go back and one sync delivers them all.
+  server_->setFaults({});
+  const CommandRun retried = kestrova("rejected --retry --json");
+  ASSERT_EQ(retried.exitCode, 0) << retried.err;
+  EXPECT_EQ(retried.json()["restored"].size(), static_cast<std::size_t>(waiting));
+  EXPECT_EQ(kestrova("rejected --json").json(), nlohmann::json::array());
+  EXPECT_EQ(kestrova("pending --json").json().size(), static_cast<std::size_t>(waiting));
+  const CommandRun delivered = kestrova(syncArguments(), token);
+  ASSERT_EQ(delivered.exitCode, 0) << delivered.err;
+  EXPECT_EQ(delivered.json()["pendingFiles"], 0);
+  EXPECT_EQ(delivered.json()["rejectedFiles"], 0);
+  EXPECT_EQ(delivered.json()["deliveredFiles"], waiting);
+  EXPECT_TRUE(schemasReceived().contains("granola:hk-workout"));
+  EXPECT_TRUE(schemasReceived().contains("omh:body-mass-index"));
+  const auto recovered = kestrova("status --json").json();
+  EXPECT_TRUE(recovered["delivery"]["body"]["lastDelivered"].is_string());
+  EXPECT_EQ(recovered["delivery"]["body"]["deliveredPoints"],
+            delivered.json()["delivered"]["body"]);
+}
+
+TEST_F(CliTest, AFileAnsweredWithRetryAfterIsNotSentAgainSooner) {
+  const auto later = dir_.path() / "later.xml";
+  std::ofstream(later) << kLaterExport;
+  ASSERT_EQ(kestrova("import --quiet " + later.string()).exitCode, 0);
+  server::FaultPlan busy;
+  busy.script = server::FaultPlan::parseScript("503:retry-after=2").value();
+  busy.pathPrefix = "/api/v1.3/ingest/";
+  server_->setFaults(busy);
+
+  // Backoff alone would send it again within a fifth of a second.
+  auto watch = this->watch("--types bodyMass --max-retry-delay 0.2",
+                           server_->tokenFor(std::string(kProfile)));
+  ASSERT_TRUE(watch->started());
+  EXPECT_TRUE(watch->awaitEvent([](const auto& event) {
+    return event["event"] == "progress" && event["pendingFiles"] == 0 &&
+           event["deliveredFiles"] == 1;
+  })) << watch->err();
+  EXPECT_EQ(watch->stop(SIGTERM), 0);
+
+  const auto log = server_->requestLog();
+  const auto refused = std::find_if(log.begin(), log.end(),
+                                    [](const auto& request) { return request.outcome == "503"; });
+  ASSERT_NE(refused, log.end());
+  const auto again = std::find_if(refused + 1, log.end(), [&](const auto& request) {
+    return request.path == refused->path && request.bodyHash == refused->bodyHash;
+  });
+  ASSERT_NE(again, log.end());
+  EXPECT_EQ(again->outcome, "200");
+  EXPECT_GE(again->arrived - refused->arrived, std::chrono::seconds(2));
+  EXPECT_TRUE(schemasReceived().contains("omh:body-weight"));
+}
+
+TEST_F(CliTest, TypesTakeNamesAsWellAsNumbers) {
+  ASSERT_EQ(kestrova("import --quiet " + std::string(kExport)).exitCode, 0);
+  const CommandRun named =
+      kestrova(syncArguments() + " --types workout,bodyMassIndex", server_->tokenFor("named"));
+  ASSERT_EQ(named.exitCode, 0) << named.err;
+  std::set<std::string> schemas;
+  for (const auto& point : server_->dataPoints("named")) {
+    schemas.insert(point.schemaNamespace + ":" + point.schemaName);
+  }
+  EXPECT_TRUE(schemas.contains("granola:hk-workout")) << named.out;
+  EXPECT_TRUE(schemas.contains("omh:body-mass-index")) << named.out;
+  const CommandRun unknown =
+      kestrova(syncArguments() + " --types stepcount", server_->tokenFor("x"));
+  EXPECT_EQ(unknown.exitCode, 1);
+  EXPECT_NE(unknown.err.find("\"stepcount\" is not a data type"), std::string::npos) << unknown.err;
 }
 
 }  // namespace

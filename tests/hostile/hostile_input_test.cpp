@@ -182,6 +182,9 @@ class FullDisk final : public FileSystem {
   }
   Result<Bytes> readFile(const fs::path& path) const override { return disk_->readFile(path); }
   Status removeFile(const fs::path& path) override { return disk_->removeFile(path); }
+  Status moveFile(const fs::path& from, const fs::path& to) override {
+    return disk_->moveFile(from, to);
+  }
   Result<std::vector<std::string>> listDirectory(const fs::path& path) const override {
     return disk_->listDirectory(path);
   }

@@ -263,7 +263,7 @@ TEST_F(SecurityTest, ProfileIdsMoveNeitherFilesNorTheUrlPath) {
     server::FaultPlan refusing;
     refusing.script = server::FaultPlan::parseScript("pass").value();
     refusing.rate = 1.0;
-    refusing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}};
+    refusing.rateFault = server::Fault{server::Fault::Kind::status, 503, {}, {}};
     startServer(refusing);
     ASSERT_EQ(configureAndWait(config(id)), Outcome(true, std::nullopt)) << id;
     ASSERT_EQ(connectAndWait(), Outcome(true, std::nullopt)) << id;

@@ -158,5 +158,61 @@ TEST_F(FileServerTest, BatchNamesNeverRepeatAndNoWriteReplacesAPendingFile) {
   EXPECT_EQ(server_->list(true).size(), 7u);
 }
 
+TEST_F(FileServerTest, RefusedFilesAreSetAsideWithTheirRecordAndGoBackWhereTheyCameFrom) {
+  const FileNameComponents batch{"workout-1", "p1", utc(2024, 3, 1)};
+  const FileNameComponents single{"sample-1", "p1", utc(2024, 3, 2)};
+  ASSERT_TRUE(writeAndWait("[1,2,3]", batch, true));
+  ASSERT_TRUE(writeAndWait("{\"one\":1}", single, false));
+  const fs::path rejected = dir_.path() / "Kestrova" / "Rejected";
+
+  const RejectedFile batchRecord{batch, true, 400, 5, "{\"error\":\"bad point\"}", utc(2024, 3, 3)};
+  ASSERT_TRUE(server_->setAside(batchRecord));
+  ASSERT_TRUE(server_->setAside(RejectedFile{single, false, 422, 7, "", utc(2024, 3, 4)}));
+  // No longer swept, and nothing is lost: the same bytes wait beside their records.
+  EXPECT_TRUE(server_->list(true).empty());
+  EXPECT_TRUE(server_->list(false).empty());
+  EXPECT_EQ(test_.platform->files->readFile(rejected / batch.fileName()).value(),
+            toBytes("[1,2,3]"));
+  EXPECT_TRUE(log_->contains("was refused 5 times and is set aside"));
+
+  auto listed = server_->listRejected();
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed[0].components, batch);
+  EXPECT_TRUE(listed[0].bulk);
+  EXPECT_EQ(listed[0].httpStatus, 400);
+  EXPECT_EQ(listed[0].attempts, 5);
+  EXPECT_EQ(listed[0].reason, batchRecord.reason);
+  EXPECT_EQ(listed[0].at, batchRecord.at);
+  EXPECT_EQ(listed[1].components, single);
+  EXPECT_FALSE(listed[1].bulk);
+  EXPECT_EQ(familyOfFile(listed[0].components), "workout");
+  EXPECT_EQ(familyOfFile(listed[1].components), kSingleSampleFamily);
+
+  // A file whose record a crash lost is still listed, as the bulk file every batch is.
+  const FileNameComponents orphan{"body-9", "p1", utc(2024, 3, 5)};
+  std::ofstream(rejected / orphan.fileName()) << "[9]";
+  listed = server_->listRejected();
+  ASSERT_EQ(listed.size(), 3u);
+  EXPECT_EQ(listed[2].components, orphan);
+  EXPECT_TRUE(listed[2].bulk);
+  EXPECT_EQ(listed[2].attempts, 0);
+
+  // A file that is no longer there cannot be set aside, and leaves no record behind.
+  EXPECT_FALSE(server_->setAside(RejectedFile{FileNameComponents{"body-0", "p1", utc(2024, 1, 1)},
+                                              true, 400, 5, "", utc(2024, 1, 1)}));
+  EXPECT_EQ(server_->listRejected().size(), 3u);
+
+  EXPECT_EQ(server_->restoreRejected().size(), 3u);
+  std::set<std::string> bulkNames;
+  for (const auto& file : server_->list(true)) {
+    bulkNames.insert(file.fileName());
+  }
+  EXPECT_EQ(bulkNames, (std::set<std::string>{batch.fileName(), orphan.fileName()}));
+  EXPECT_EQ(server_->list(false), std::vector<FileNameComponents>{single});
+  EXPECT_EQ(server_->read(batch, true), toBytes("[1,2,3]"));
+  EXPECT_TRUE(server_->listRejected().empty());
+  EXPECT_TRUE(test_.platform->files->listDirectory(rejected).value().empty());
+}
+
 }  // namespace
 }  // namespace kestrova

@@ -1,7 +1,6 @@
 #include "tools/cli/library_session.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <future>
@@ -12,11 +11,6 @@
 namespace kestrova::cli {
 namespace {
 
-// The batch prefixes the collector gives bulk files; anything else is a single sample.
-constexpr std::array<std::string_view, 5> kFamilies = {"workout", "sleep", "mindful", "ecg",
-                                                       "body"};
-constexpr std::string_view kSingleSample = "sample";
-
 constexpr std::string_view kTokenHelp =
     "The profile's bearer token; prefer the KESTROVA_TOKEN environment variable, which keeps "
     "it out of the shell history";
@@ -24,11 +18,14 @@ constexpr std::string_view kUrlHelp = "The back end's API base URL (default: the
 constexpr std::string_view kSinceHelp =
     "Collect from this day on, YYYY-MM-DD in UTC (default: 20 days back)";
 constexpr std::string_view kTypesHelp =
-    "Comma-separated data type numbers 0...24 to collect (default: all)";
+    "Comma-separated data types to collect, as numbers 0...24 or names such as stepCount "
+    "(default: all)";
 constexpr std::string_view kTokenEnvironment = "KESTROVA_TOKEN";
 
 constexpr std::string_view kNoToken = "kestrova: no token: set KESTROVA_TOKEN (or pass --token)\n";
 constexpr std::string_view kBadSince = "kestrova: --since wants YYYY-MM-DD, not \"%s\"\n";
+constexpr std::string_view kBadType =
+    "kestrova: --types: \"%s\" is not a data type (0...24, or a name such as stepCount)\n";
 constexpr std::string_view kNoAnswer = "kestrova: the library did not answer within %lld s\n";
 constexpr std::string_view kConfigureFailed = "kestrova: the configuration was refused: %s\n";
 constexpr std::string_view kRejected =
@@ -36,12 +33,6 @@ constexpr std::string_view kRejected =
 constexpr std::string_view kUnreachable =
     "kestrova: could not validate the profile with the back end at %s: %s\n";
 
-// The library's upload lines: accepted, answered otherwise, and (for files) not answered. Lines
-// about files begin with kFilePrefix; the others are about statistics requests.
-constexpr std::string_view kUploadedFragment = " has been uploaded successfully";
-constexpr std::string_view kNotUploadedFragment = " has NOT been uploaded successfully";
-constexpr std::string_view kUploadErrorFragment = "Error executing upload request";
-constexpr std::string_view kFilePrefix = "File ";
 // A refused profile validation logs this; a network failure does not.
 constexpr std::string_view kForbiddenFragment = "403";
 
@@ -82,7 +73,7 @@ std::optional<KestrovaConfig::Date> parseDay(const std::string& text) {
 }
 
 int reportFailure(const std::string& url, const kestrova::GenericError& error,
-                  const UploadLog& log) {
+                  const ErrorLog& log) {
   using Code = KestrovaHealthKitError::Code;
   if (error.code != static_cast<int>(Code::failedToValidateProfile)) {
     // Some descriptions carry the token itself.
@@ -106,6 +97,16 @@ int reportFailure(const std::string& url, const kestrova::GenericError& error,
   return kExitUnreachable;
 }
 
+// A data type by its number or its name; none for anything else.
+std::optional<int> dataTypeOf(const std::string& text) {
+  for (auto type : KestrovaHealthKitDataType::allCases()) {
+    if (text == type.name() || text == std::to_string(type.rawValue())) {
+      return type.rawValue();
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 Result<std::shared_ptr<const Platform>> installLibraryPlatform(const CommonOptions& options) {
@@ -116,19 +117,6 @@ Result<std::shared_ptr<const Platform>> installLibraryPlatform(const CommonOptio
     installPlatform(platform.value());
   }
   return platform;
-}
-
-std::string familyOfFile(std::string_view fileName) {
-  auto components = FileNameComponents::parse(fileName);
-  if (components) {
-    for (std::string_view family : kFamilies) {
-      if (components->sampleId.starts_with(family) && components->sampleId.size() > family.size() &&
-          components->sampleId[family.size()] == '-') {
-        return std::string(family);
-      }
-    }
-  }
-  return std::string(kSingleSample);
 }
 
 std::vector<PendingFile> pendingFiles(const Platform& platform) {
@@ -149,8 +137,9 @@ std::vector<PendingFile> pendingFiles(const Platform& platform) {
       }
       PendingFile file;
       file.name = entry.path().filename().string();
-      file.family = familyOfFile(file.name);
+      file.family = kSingleSampleFamily;
       if (auto components = FileNameComponents::parse(file.name)) {
+        file.family = familyOfFile(*components);
         file.profileId = components->profileId;
       }
       file.bulk = bulk;
@@ -206,52 +195,68 @@ void addConnectionOptions(CLI::App& command, ConnectionArguments& arguments) {
   command.add_option("--since", arguments.since, std::string(kSinceHelp))->type_name("DATE");
   command.add_option("--types", arguments.types, std::string(kTypesHelp))
       ->delimiter(',')
-      ->check(CLI::Range(0, 24))
       ->type_name("LIST");
 }
 
-void UploadLog::write(LogLevel level, std::string_view category, std::string_view message) {
-  {
+void ErrorLog::write(LogLevel level, std::string_view category, std::string_view message) {
+  if (level >= LogLevel::error) {
     std::lock_guard lock(mutex_);
-    const bool aboutFile = message.starts_with(kFilePrefix);
-    if (message.find(kUploadErrorFragment) != std::string_view::npos) {
-      ++counts_.failedUploads;
-    } else if (message.find(kNotUploadedFragment) != std::string_view::npos) {
-      ++(aboutFile ? counts_.failedUploads : counts_.failedStatisticsUploads);
-    } else if (auto at = message.find(kUploadedFragment); at != std::string_view::npos) {
-      if (aboutFile) {
-        ++counts_
-              .delivered[familyOfFile(message.substr(kFilePrefix.size(), at - kFilePrefix.size()))];
-        ++counts_.deliveredFiles;
-      } else {
-        ++counts_.statisticsUploads;
-      }
-    }
-    if (level >= LogLevel::error) {
-      lastError_ = std::string(message);
-    }
+    lastError_ = std::string(message);
   }
   if (level >= shownFrom_) {
     next_->write(level, category, message);
   }
 }
 
-UploadLog::Counts UploadLog::counts() const {
-  std::lock_guard lock(mutex_);
-  return counts_;
-}
-
-std::string UploadLog::lastError() const {
+std::string ErrorLog::lastError() const {
   std::lock_guard lock(mutex_);
   return lastError_;
 }
 
-nlohmann::json uploadJson(const UploadLog::Counts& counts, std::size_t pendingFiles) {
-  return {{"delivered", counts.delivered},
-          {"deliveredFiles", counts.deliveredFiles},
-          {"failedUploads", counts.failedUploads},
-          {"statisticsUploads", counts.statisticsUploads},
-          {kPendingFilesKey, pendingFiles}};
+std::shared_ptr<DeliveryCounts> DeliveryCounts::listen() {
+  auto counts = std::make_shared<DeliveryCounts>();
+  Kestrova::setDeliveryListener(
+      [counts](const KestrovaDeliveryEvent& event) { counts->add(event); });
+  return counts;
+}
+
+void DeliveryCounts::add(const KestrovaDeliveryEvent& event) {
+  std::lock_guard lock(mutex_);
+  const bool statistics = event.family == kStatisticsFamily;
+  if (event.accepted) {
+    counts_.deliveredPoints[event.family] += event.dataPoints;
+    ++(statistics ? counts_.statisticsUploads : counts_.deliveredFiles);
+  } else {
+    ++(statistics ? counts_.failedStatisticsUploads : counts_.failedUploads);
+    counts_.lastFailure =
+        event.httpStatus ? "HTTP " + std::to_string(*event.httpStatus) + " (" + event.family + ")"
+        : event.error    ? event.error->localizedDescription
+                         : std::string();
+  }
+  counts_.setAside += event.setAside ? 1 : 0;
+  if (event.retryNotBefore) {
+    counts_.retryNotBefore =
+        std::max(counts_.retryNotBefore.value_or(*event.retryNotBefore), *event.retryNotBefore);
+  }
+}
+
+DeliveryCounts::Counts DeliveryCounts::counts() const {
+  std::lock_guard lock(mutex_);
+  return counts_;
+}
+
+nlohmann::json uploadJson(const DeliveryCounts::Counts& counts, std::size_t pendingFiles,
+                          std::size_t rejectedFiles) {
+  return {{"delivered", counts.deliveredPoints},   {"deliveredFiles", counts.deliveredFiles},
+          {"failedUploads", counts.failedUploads}, {"statisticsUploads", counts.statisticsUploads},
+          {"setAside", counts.setAside},           {kPendingFilesKey, pendingFiles},
+          {kRejectedFilesKey, rejectedFiles}};
+}
+
+std::size_t rejectedFileCount(const Platform& platform) {
+  return FileServer(platform.files, FileServer::sharedWriteQueue(*platform.dispatcher))
+      .listRejected()
+      .size();
 }
 
 int connectLibrary(const ConnectionArguments& arguments, const CommonOptions& common,
@@ -261,10 +266,10 @@ int connectLibrary(const ConnectionArguments& arguments, const CommonOptions& co
     std::fprintf(stderr, "%s", kNoToken.data());
     return kExitFailed;
   }
-  // Upload lines are info lines: let them through to the counting sink, show only errors.
-  logging::setMinimumLevel(common.verbose ? LogLevel::debug : LogLevel::info);
-  connection.log = std::make_shared<UploadLog>(makeStderrLogSink(),
-                                               common.verbose ? LogLevel::debug : LogLevel::error);
+  // Error lines reach the sink, which shows them only when verbose or above the quiet level.
+  logging::setMinimumLevel(common.verbose ? LogLevel::debug : LogLevel::error);
+  connection.log = std::make_shared<ErrorLog>(makeStderrLogSink(),
+                                              common.verbose ? LogLevel::debug : LogLevel::error);
   logging::setSink(connection.log);
   logging::registerSecret(arguments.token);
 
@@ -274,6 +279,17 @@ int connectLibrary(const ConnectionArguments& arguments, const CommonOptions& co
     return kExitSetupFailed;
   }
   connection.platform = platform.value();
+  // Before configure: its sweep's answers are deliveries too.
+  connection.deliveries = DeliveryCounts::listen();
+  std::vector<int> types;
+  for (const auto& text : arguments.types) {
+    const auto type = dataTypeOf(text);
+    if (!type) {
+      std::fprintf(stderr, kBadType.data(), text.c_str());
+      return kExitFailed;
+    }
+    types.push_back(*type);
+  }
   std::optional<KestrovaConfig::Date> since;
   if (arguments.since) {
     since = parseDay(*arguments.since);
@@ -282,10 +298,9 @@ int connectLibrary(const ConnectionArguments& arguments, const CommonOptions& co
       return kExitFailed;
     }
   }
-  const KestrovaConfig config =
-      arguments.types.empty()
-          ? KestrovaConfig(arguments.token, arguments.url, since)
-          : KestrovaConfig(arguments.token, arguments.url, since, arguments.types);
+  const KestrovaConfig config = types.empty()
+                                    ? KestrovaConfig(arguments.token, arguments.url, since)
+                                    : KestrovaConfig(arguments.token, arguments.url, since, types);
   connection.url = config.url();
 
   auto outcome = configureAndWait(config, timeout, interrupted);

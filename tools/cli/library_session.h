@@ -2,7 +2,7 @@
 // chosen data directory, the upload files still waiting in it, a blocking wait for the facade's
 // completions (which arrive on the library's main queue, not on the command's thread), and for
 // sync and watch the connection options, the configure-and-connect sequence and the count of
-// what the library reports about uploads.
+// the library's delivery events.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -33,7 +33,7 @@ inline constexpr std::string_view kNoDetail = "no answer (is it running? see --v
 // An upload file the back end has not accepted yet.
 struct PendingFile {
   std::string name;
-  std::string family;  // "body", "sleep", ..., or "sample" for single uploads
+  std::string family;  // see familyOfFile
   std::string profileId;
   bool bulk = false;
   std::uintmax_t bytes = 0;
@@ -46,9 +46,6 @@ Result<std::shared_ptr<const Platform>> installLibraryPlatform(const CommonOptio
 
 // Both upload directories, single uploads first, each in name (and so time) order.
 std::vector<PendingFile> pendingFiles(const Platform& platform);
-
-// The family of an upload file name: the batch prefix of its sample id.
-std::string familyOfFile(std::string_view fileName);
 
 struct Outcome {
   bool success = false;
@@ -73,65 +70,90 @@ struct ConnectionArguments {
   std::string token;
   std::optional<std::string> url;
   std::optional<std::string> since;
-  std::vector<int> types;
+  // Numbers 0...24 or names as KestrovaHealthKitDataType spells them.
+  std::vector<std::string> types;
 };
 
 // Adds --token (or KESTROVA_TOKEN), --url, --since and --types to `command`.
 void addConnectionOptions(CLI::App& command, ConnectionArguments& arguments);
 
-// Counts the library's upload lines (the only signal of which file the back end took, and of
-// the statistics requests) and passes on the lines the chosen verbosity shows. Written from any of
-// the library's threads; `mutex_` owns the counts.
-class UploadLog : public LogSink {
+// Passes on the lines the chosen verbosity shows and remembers the last error line, which says
+// why a validation or an upload failed. Written from any of the library's threads; `mutex_` owns
+// the last error.
+class ErrorLog : public LogSink {
  public:
-  struct Counts {
-    std::map<std::string, int> delivered;  // upload files per family
-    int deliveredFiles = 0;
-    // Upload files answered other than 200, or not answered at all.
-    int failedUploads = 0;
-    // Requests of stored statistics (sent without upload files) accepted, and refused.
-    int statisticsUploads = 0;
-    int failedStatisticsUploads = 0;
-
-    int fileOutcomes() const { return deliveredFiles + failedUploads; }
-    int outcomes() const { return fileOutcomes() + statisticsUploads + failedStatisticsUploads; }
-  };
-
-  UploadLog(std::shared_ptr<LogSink> next, LogLevel shownFrom)
+  ErrorLog(std::shared_ptr<LogSink> next, LogLevel shownFrom)
       : next_(std::move(next)), shownFrom_(shownFrom) {}
 
   void write(LogLevel level, std::string_view category, std::string_view message) override;
-
-  Counts counts() const;
   std::string lastError() const;
 
  private:
   const std::shared_ptr<LogSink> next_;
   const LogLevel shownFrom_;
-  mutable std::mutex mutex_;  // owns the fields below
-  Counts counts_;
+  mutable std::mutex mutex_;  // owns lastError_
   std::string lastError_;
 };
 
-// The reports' name for the number of upload files waiting.
-inline constexpr std::string_view kPendingFilesKey = "pendingFiles";
+// What the library's delivery events said since the listener was installed. Events arrive on
+// the library's main queue; `mutex_` owns the counts.
+class DeliveryCounts {
+ public:
+  struct Counts {
+    std::map<std::string, std::uint64_t> deliveredPoints;  // per family
+    int deliveredFiles = 0;
+    // Upload files answered other than 200, or not answered at all.
+    int failedUploads = 0;
+    int statisticsUploads = 0;
+    int failedStatisticsUploads = 0;
+    int setAside = 0;
+    // The latest time before which the back end asked not to be sent a request again.
+    std::optional<std::chrono::system_clock::time_point> retryNotBefore;
+    // What the last failed upload was told ("HTTP 400 (body)"), or why it had no answer.
+    std::string lastFailure;
 
-// The counts and the files still pending as the JSON reports show them: "delivered" (files per
-// family), "deliveredFiles", "failedUploads", "statisticsUploads" and "pendingFiles".
-nlohmann::json uploadJson(const UploadLog::Counts& counts, std::size_t pendingFiles);
+    int fileOutcomes() const { return deliveredFiles + failedUploads; }
+    int outcomes() const { return fileOutcomes() + statisticsUploads + failedStatisticsUploads; }
+  };
+
+  // Makes a counter that the library's delivery listener feeds from now on.
+  static std::shared_ptr<DeliveryCounts> listen();
+  Counts counts() const;
+
+ private:
+  void add(const KestrovaDeliveryEvent& event);
+
+  mutable std::mutex mutex_;  // owns counts_
+  Counts counts_;
+};
+
+// The reports' names for the number of upload files waiting and set aside.
+inline constexpr std::string_view kPendingFilesKey = "pendingFiles";
+inline constexpr std::string_view kRejectedFilesKey = "rejectedFiles";
+
+// The counts and the files as the JSON reports show them: "delivered" (data points per family),
+// "deliveredFiles", "failedUploads", "statisticsUploads", "setAside", "pendingFiles" and
+// "rejectedFiles".
+nlohmann::json uploadJson(const DeliveryCounts::Counts& counts, std::size_t pendingFiles,
+                          std::size_t rejectedFiles);
+
+// The files set aside in the data directory.
+std::size_t rejectedFileCount(const Platform& platform);
 
 struct Connection {
   std::shared_ptr<const Platform> platform;
-  std::shared_ptr<UploadLog> log;
+  std::shared_ptr<ErrorLog> log;
+  std::shared_ptr<DeliveryCounts> deliveries;
   std::string url;
   std::string profileId;
   // The wait for the library was given up because `interrupted` said so; nothing failed.
   bool interrupted = false;
 };
 
-// Checks the arguments, installs the platform with an UploadLog as the log sink, configures
-// and connects, each wait at most `timeout`. Returns kExitOk with `connection` filled, or the
-// exit code after saying on standard error what went wrong.
+// Checks the arguments, installs the platform with an ErrorLog as the log sink and a
+// DeliveryCounts as the delivery listener, configures and connects, each wait at most `timeout`.
+// Returns kExitOk with `connection` filled, or the exit code after saying on standard error what
+// went wrong.
 int connectLibrary(const ConnectionArguments& arguments, const CommonOptions& common,
                    std::chrono::milliseconds timeout, Connection& connection,
                    const Interrupted& interrupted = {});

@@ -29,19 +29,22 @@ Examples:
   kestrova import export.zip --quiet && echo imported
   export KESTROVA_TOKEN=eyJ...        (keeps the token out of the shell history)
   kestrova sync --url http://127.0.0.1:8080/api/ --since 2024-01-01 --json
-  kestrova sync --types 15,22 --timeout 60
+  kestrova sync --types heartRate,stepCount --timeout 60
   kestrova watch --url http://127.0.0.1:8080/api/ --json    (until Ctrl-C or SIGTERM)
   kestrova status --json
   kestrova pending
+  kestrova rejected --json                 (files the back end refused again and again)
+  kestrova rejected --retry                (moves them back; the next sync sends them)
   kestrova disconnect
 
 Exit codes: 0 success; 1 the command failed (an import says where it stopped: what was
 added stays, and running the same command again completes it); 3 the data directory or
 the health store could not be opened; 4 the token or URL was refused (malformed, or the
 back end answered 403); 5 the back end could not be reached or could not validate the
-profile; 6 upload files were still pending when --timeout ran out, or statistics uploads
-failed (what is left stays for the next sync). watch exits 0 when SIGINT or SIGTERM stops it. Usage errors exit with CLI11's codes
-and a message.)";
+profile; 6 upload files were still pending when the sync ended (the back end did not
+take them, or --timeout ran out), or statistics uploads failed (what is left stays for the
+next sync; files set aside are reported, not waited for). watch exits 0 when SIGINT or
+SIGTERM stops it. Usage errors exit with CLI11's codes and a message.)";
 
 // The library's shared instance and its threads live until the process ends, by design, and
 // they may still be at work (a statistics batch, a store poll) when a command is done: the
@@ -77,6 +80,7 @@ int main(int argc, char** argv) {
   kestrova::cli::addWatchCommand(app, common, &exitCode);
   kestrova::cli::addStatusCommand(app, common, &exitCode);
   kestrova::cli::addPendingCommand(app, common, &exitCode);
+  kestrova::cli::addRejectedCommand(app, common, &exitCode);
   kestrova::cli::addDisconnectCommand(app, common, &exitCode);
 
   try {

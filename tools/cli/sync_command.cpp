@@ -18,26 +18,35 @@ using Clock = std::chrono::steady_clock;
 constexpr std::string_view kName = "sync";
 constexpr std::string_view kDescription =
     "Deliver what the health store holds: configure with the token, connect (the back end "
-    "validates the profile), collect, and wait until the back end has accepted every upload "
-    "file. Reports what was delivered per family.";
+    "validates the profile), collect, and wait until every upload has been answered. Reports "
+    "the data points delivered per family, the files still pending and those set aside because "
+    "the back end refused them again and again (see `kestrova rejected`).";
 constexpr std::string_view kTimeoutHelp = "Give up after this many seconds with files pending";
 constexpr std::string_view kJsonHelp = "Print the report as JSON on standard output";
 constexpr std::string_view kTimedOut =
     "kestrova: %zu upload files still pending after %.0f s; they stay and the next sync sends "
     "them. Last error: %s\n";
+constexpr std::string_view kNotTaken =
+    "kestrova: %zu upload files still pending: the back end did not take them; they stay and "
+    "the next sync sends them. Last error: %s\n";
+constexpr std::string_view kSetAside =
+    "kestrova: %zu upload files are set aside after repeated refusals; `kestrova rejected` "
+    "lists them and says why\n";
 constexpr std::string_view kStatisticsFailed =
     "kestrova: %d statistics uploads failed; their figures stay new and the next sync sends "
     "them. Last error: %s\n";
 constexpr std::string_view kProgressTerminal = "\rsync: %zu files pending, %d delivered   ";
 constexpr std::string_view kProgressPlain = "sync: %zu files pending, %d delivered\n";
 constexpr std::string_view kReportHeader = "Delivered to %s for profile %s:\n";
-constexpr std::string_view kReportLine = "  %-10s %d upload files\n";
+constexpr std::string_view kReportLine = "  %-10s %llu data points\n";
 constexpr std::string_view kReportNothing = "  nothing new\n";
 constexpr std::string_view kReportFooter =
-    "%d statistics uploads; %zu files pending, %d uploads failed, %.1f s\n";
+    "%d upload files, %d statistics uploads; %zu files pending, %zu set aside, %d uploads "
+    "failed, %.1f s\n";
 
-// How long the library must stay idle, with no upload file left, before sync counts the
-// delivery done: a few polls, so that one reading is never the whole verdict.
+// How long the library must stay idle before sync counts the delivery done: a few polls, so
+// that one reading is never the whole verdict. Idle means every upload has its answer; files
+// the back end did not take stay pending for the next sync.
 constexpr auto kSettle = std::chrono::milliseconds(250);
 constexpr auto kPoll = std::chrono::milliseconds(50);
 constexpr auto kPlainProgressInterval = std::chrono::seconds(2);
@@ -57,22 +66,22 @@ int runSync(const SyncArguments& arguments, const CommonOptions& common) {
       failed != kExitOk) {
     return failed;
   }
-  const UploadLog& log = *connection.log;
+  const ErrorLog& log = *connection.log;
+  const DeliveryCounts& deliveries = *connection.deliveries;
 
   const bool terminal = ::isatty(STDERR_FILENO) == 1;
   const bool showProgress = !common.quiet;
   auto busySince = Clock::now();
   auto lastPlainLine = Clock::time_point{};
   std::size_t pending = 0;
-  UploadLog::Counts counts;
+  DeliveryCounts::Counts counts;
   bool settled = false;
   while (Clock::now() - started < timeout) {
     pending = pendingFiles(*connection.platform).size();
-    counts = log.counts();
+    counts = deliveries.counts();
     const auto now = Clock::now();
-    // Idle means the statistics timers have fired and their requests are answered too: they
-    // leave no upload file behind to wait for.
-    if (pending != 0 || !activity::idle()) {
+    // Idle also means the statistics timers have fired and their requests are answered.
+    if (!activity::idle()) {
       busySince = now;
     } else if (now - busySince >= kSettle) {
       settled = true;
@@ -89,31 +98,40 @@ int runSync(const SyncArguments& arguments, const CommonOptions& common) {
   if (showProgress && terminal) {
     std::fputc('\n', stderr);
   }
-  counts = log.counts();
+  counts = deliveries.counts();
+  pending = pendingFiles(*connection.platform).size();
+  const std::size_t rejected = rejectedFileCount(*connection.platform);
   const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
   if (arguments.json) {
-    nlohmann::json report = uploadJson(counts, pending);
+    nlohmann::json report = uploadJson(counts, pending, rejected);
     report["profileId"] = connection.profileId;
     report["url"] = connection.url;
-    report["complete"] = settled && counts.failedStatisticsUploads == 0;
+    report["complete"] = settled && pending == 0 && counts.failedStatisticsUploads == 0;
     report["seconds"] = seconds;
     std::printf("%s\n", report.dump(2).c_str());
   } else if (!common.quiet) {
     std::printf(kReportHeader.data(), connection.url.c_str(), connection.profileId.c_str());
-    for (const auto& [family, files] : counts.delivered) {
-      std::printf(kReportLine.data(), family.c_str(), files);
+    for (const auto& [family, points] : counts.deliveredPoints) {
+      std::printf(kReportLine.data(), family.c_str(), static_cast<unsigned long long>(points));
     }
-    if (counts.delivered.empty()) {
+    if (counts.deliveredPoints.empty()) {
       std::printf("%s", kReportNothing.data());
     }
-    std::printf(kReportFooter.data(), counts.statisticsUploads, pending, counts.failedUploads,
-                seconds);
+    std::printf(kReportFooter.data(), counts.deliveredFiles, counts.statisticsUploads, pending,
+                rejected, counts.failedUploads, seconds);
   }
   std::fflush(stdout);
-  const std::string lastError = log.lastError();
+  const std::string lastError = counts.lastFailure.empty() ? log.lastError() : counts.lastFailure;
   const char* detail = lastError.empty() ? kNoDetail.data() : lastError.c_str();
+  if (rejected > 0) {
+    std::fprintf(stderr, kSetAside.data(), rejected);
+  }
   if (!settled) {
     std::fprintf(stderr, kTimedOut.data(), pending, arguments.timeoutSeconds, detail);
+    return kExitTimedOut;
+  }
+  if (pending > 0) {
+    std::fprintf(stderr, kNotTaken.data(), pending, detail);
     return kExitTimedOut;
   }
   // Like a file that stays, a figure whose upload failed waits for the next sync.

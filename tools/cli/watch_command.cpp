@@ -30,8 +30,9 @@ constexpr std::string_view kName = "watch";
 constexpr std::string_view kDescription =
     "Stay running and deliver what is added to the health store (by `kestrova import` in "
     "another process, for instance) as it arrives. Upload files the back end did not take stay "
-    "on disk and are sent again with exponential backoff. SIGINT (Ctrl-C) or SIGTERM stops it "
-    "cleanly with exit code 0.";
+    "on disk and are sent again with exponential backoff, never sooner than the back end's "
+    "Retry-After asks; files it refuses again and again are set aside (see `kestrova "
+    "rejected`). SIGINT (Ctrl-C) or SIGTERM stops it cleanly with exit code 0.";
 constexpr std::string_view kJsonHelp =
     "Print events as JSON on standard output, one object per line: connected, progress, retry, "
     "stopped";
@@ -53,8 +54,8 @@ constexpr std::string_view kEventStopped = "stopped";
 constexpr std::string_view kConnectedText =
     "watch: connected as %s to %s, watching %s (Ctrl-C stops)\n";
 constexpr std::string_view kProgressText =
-    "watch: %d files delivered (%s), %d statistics uploads, %zu pending, %d failed uploads, "
-    "%d retries";
+    "watch: %d files delivered (data points: %s), %d statistics uploads, %zu pending, %zu set "
+    "aside, %d failed uploads, %d retries";
 constexpr std::string_view kNothingDelivered = "none";
 constexpr std::string_view kRetryText = "watch: retry %d after %.1f s: sending %zu files again\n";
 constexpr std::string_view kStoppedText =
@@ -212,18 +213,19 @@ bool holdFileWrites(const Platform& platform) {
 }
 
 struct Totals {
-  UploadLog::Counts counts;
+  DeliveryCounts::Counts counts;
   std::size_t pending = 0;
+  std::size_t rejected = 0;
   int retries = 0;
 
   bool operator==(const Totals& other) const {
     return counts.outcomes() == other.counts.outcomes() && pending == other.pending &&
-           retries == other.retries;
+           rejected == other.rejected && retries == other.retries;
   }
 };
 
 nlohmann::json event(std::string_view kind, const Totals& totals) {
-  auto json = uploadJson(totals.counts, totals.pending);
+  auto json = uploadJson(totals.counts, totals.pending, totals.rejected);
   json[kEventKey] = kind;
   json["retries"] = totals.retries;
   return json;
@@ -256,16 +258,16 @@ class Reporter {
       return;
     }
     std::string families;
-    for (const auto& [family, files] : totals.counts.delivered) {
-      families += (families.empty() ? "" : ", ") + family + " " + std::to_string(files);
+    for (const auto& [family, points] : totals.counts.deliveredPoints) {
+      families += (families.empty() ? "" : ", ") + family + " " + std::to_string(points);
     }
     if (terminal_) {
       std::printf("%s", kRedraw.data());
     }
     std::printf(kProgressText.data(), totals.counts.deliveredFiles,
                 families.empty() ? kNothingDelivered.data() : families.c_str(),
-                totals.counts.statisticsUploads, totals.pending, totals.counts.failedUploads,
-                totals.retries);
+                totals.counts.statisticsUploads, totals.pending, totals.rejected,
+                totals.counts.failedUploads, totals.retries);
     std::printf("%s", terminal_ ? kClearToEnd.data() : "\n");
     drawn_ = terminal_;
     std::fflush(stdout);
@@ -312,7 +314,8 @@ class Reporter {
 // Decides when what the back end did not take is sent again: after failed uploads (the
 // library's own or a retry's) with files left, or after failed statistics uploads (whose
 // records stay in the store, not in files), once the answers to the previous retry are in,
-// after a backoff wait; anything delivered resets the backoff. Used from the watch loop only.
+// after a backoff wait, and never before the time the back end's Retry-After named; anything
+// delivered resets the backoff. Used from the watch loop only.
 class KeptFileRetries {
  public:
   struct Sent {
@@ -342,6 +345,9 @@ class KeptFileRetries {
       failed_ = totals.counts.failedUploads;
       failedStatistics_ = totals.counts.failedStatisticsUploads;
       delay_ = backoff_.next();
+      if (const auto notBefore = totals.counts.retryNotBefore) {
+        delay_ = std::max(delay_, Seconds(*notBefore - std::chrono::system_clock::now()));
+      }
       due_ = now + std::chrono::duration_cast<Clock::duration>(delay_);
     }
     if (!due_ || now < *due_) {
@@ -388,6 +394,7 @@ int runWatch(const WatchArguments& arguments, const CommonOptions& common) {
   Totals totals;
   if (!connection.interrupted) {
     totals.pending = pendingFiles(*connection.platform).size();
+    totals.rejected = rejectedFileCount(*connection.platform);
     reporter.connected(connection, totals);
   }
 
@@ -404,8 +411,9 @@ int runWatch(const WatchArguments& arguments, const CommonOptions& common) {
       break;
     }
     const auto now = Clock::now();
-    totals.counts = connection.log->counts();
+    totals.counts = connection.deliveries->counts();
     totals.pending = pendingFiles(*connection.platform).size();
+    totals.rejected = rejectedFileCount(*connection.platform);
     if (auto sent = retries.update(totals, now)) {
       ++totals.retries;
       reporter.retry(totals, sent->attempt, sent->delay);
@@ -420,8 +428,9 @@ int runWatch(const WatchArguments& arguments, const CommonOptions& common) {
   // Nothing new starts; what is being written is finished, and the exit cannot cut it off.
   host::stopCollection();
   const bool writesDone = holdFileWrites(*connection.platform);
-  totals.counts = connection.log->counts();
+  totals.counts = connection.deliveries->counts();
   totals.pending = pendingFiles(*connection.platform).size();
+  totals.rejected = rejectedFileCount(*connection.platform);
   reporter.stopped(totals, signals.wait(std::chrono::milliseconds(0)).value_or(0),
                    Clock::now() - started);
   if (!writesDone) {

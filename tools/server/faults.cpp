@@ -2,10 +2,14 @@
 
 #include <charconv>
 
+#include "platform/text.h"
+
 namespace kestrova::server {
 namespace {
 
 constexpr std::string_view kFaultErrorDomain = "KestrovaServerFaults";
+constexpr std::string_view kRetryAfterOption = ":retry-after=";
+constexpr long long kLongestRetryAfter = 86'400;
 
 Error faultError(std::string description) {
   return Error{std::string(kFaultErrorDomain), 1, std::move(description)};
@@ -39,16 +43,6 @@ Result<Fault> faultFromJson(const nlohmann::json& entry, std::string_view member
              : Result<Fault>(faultError("\"" + std::string(member) + "\" needs a fault"));
 }
 
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && text.back() == ' ') {
-    text.remove_suffix(1);
-  }
-  return text;
-}
-
 }  // namespace
 
 Result<Fault> Fault::parse(std::string_view text) {
@@ -57,21 +51,30 @@ Result<Fault> Fault::parse(std::string_view text) {
     return Fault{};
   }
   if (text == "drop") {
-    return Fault{Kind::drop, 0, {}};
+    return Fault{Kind::drop, 0, {}, {}};
   }
   if (text.starts_with("delay:")) {
     const auto ms = parseInteger(text.substr(6));
     if (!ms || *ms < 0) {
       return faultError("delay needs milliseconds, as in delay:1500: " + std::string(text));
     }
-    return Fault{Kind::delay, 0, std::chrono::milliseconds(*ms)};
+    return Fault{Kind::delay, 0, std::chrono::milliseconds(*ms), {}};
+  }
+  std::optional<int> retryAfter;
+  if (const auto colon = text.find(kRetryAfterOption); colon != std::string_view::npos) {
+    const auto seconds = parseInteger(text.substr(colon + kRetryAfterOption.size()));
+    if (!seconds || *seconds < 0 || *seconds > kLongestRetryAfter) {
+      return faultError("retry-after needs seconds, as in 503:retry-after=2: " + std::string(text));
+    }
+    retryAfter = static_cast<int>(*seconds);
+    text = text.substr(0, colon);
   }
   const auto status = parseInteger(text);
   if (!status || *status < 100 || *status > 599) {
     return faultError("not a fault (pass, drop, delay:MS or a status 100-599): " +
                       std::string(text));
   }
-  return Fault{Kind::status, static_cast<int>(*status), {}};
+  return Fault{Kind::status, static_cast<int>(*status), {}, retryAfter};
 }
 
 std::string Fault::text() const {
@@ -83,7 +86,8 @@ std::string Fault::text() const {
     case Kind::delay:
       return "delay:" + std::to_string(delay.count());
     case Kind::status:
-      return std::to_string(status);
+      return std::to_string(status) +
+             (retryAfter ? std::string(kRetryAfterOption) + std::to_string(*retryAfter) : "");
   }
   return "pass";
 }
@@ -225,6 +229,12 @@ Result<FaultPlan> FaultPlan::fromJson(const nlohmann::json& json) {
     }
     plan.seed = seed->get<std::uint64_t>();
   }
+  if (auto prefix = json.find(kPathPrefixKey); prefix != json.end()) {
+    if (!prefix->is_string()) {
+      return faultError("\"path_prefix\" must be a text");
+    }
+    plan.pathPrefix = prefix->get<std::string>();
+  }
   return plan;
 }
 
@@ -238,11 +248,8 @@ nlohmann::json FaultPlan::toJson() const {
     mixJson.push_back(
         {{kMixFaultKey, weighted.fault.text()}, {kMixProbabilityKey, weighted.probability}});
   }
-  return {{kScriptKey, scriptJson},
-          {kRateKey, rate},
-          {kRateFaultKey, rateFault.text()},
-          {kMixKey, mixJson},
-          {kSeedKey, seed}};
+  return {{kScriptKey, scriptJson}, {kRateKey, rate}, {kRateFaultKey, rateFault.text()},
+          {kMixKey, mixJson},       {kSeedKey, seed}, {kPathPrefixKey, pathPrefix}};
 }
 
 void FaultInjector::reset(FaultPlan plan) {

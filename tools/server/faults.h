@@ -22,8 +22,11 @@ struct Fault {
   Kind kind = Kind::pass;
   int status = 0;                      // for Kind::status: the code answered, nothing stored
   std::chrono::milliseconds delay{0};  // for Kind::delay: wait, then answer as usual
+  // For Kind::status 429 and 503: the Retry-After seconds answered (1 when absent).
+  std::optional<int> retryAfter;
 
-  // "pass", a status code such as "503", "delay:1500" (milliseconds) or "drop".
+  // "pass", a status code such as "503", "503:retry-after=2", "delay:1500" (milliseconds) or
+  // "drop".
   static Result<Fault> parse(std::string_view text);
   std::string text() const;
   bool operator==(const Fault&) const = default;
@@ -37,6 +40,7 @@ inline constexpr std::string_view kMixKey = "rates";
 inline constexpr std::string_view kMixFaultKey = "fault";
 inline constexpr std::string_view kMixProbabilityKey = "p";
 inline constexpr std::string_view kSeedKey = "seed";
+inline constexpr std::string_view kPathPrefixKey = "path_prefix";
 
 // A fault met with a probability of its own.
 struct WeightedFault {
@@ -52,9 +56,14 @@ struct WeightedFault {
 struct FaultPlan {
   std::deque<Fault> script;
   double rate = 0.0;
-  Fault rateFault{Fault::Kind::status, 500, {}};
+  Fault rateFault{Fault::Kind::status, 500, {}, {}};
   std::vector<WeightedFault> mix;
   std::uint64_t seed = 1;
+  // When not empty, only requests whose path begins with it meet faults (or use up the
+  // script); the others pass.
+  std::string pathPrefix;
+
+  bool appliesTo(std::string_view path) const { return path.starts_with(pathPrefix); }
 
   // A comma-separated script, e.g. "500,drop,delay:1500,pass".
   static Result<std::deque<Fault>> parseScript(std::string_view text);
@@ -62,8 +71,8 @@ struct FaultPlan {
   // refused when a probability is outside 0...1 or they add up to more than 1.
   static Result<std::vector<WeightedFault>> parseMix(std::string_view text);
   // {"script": ["503", "drop"] or "503,drop", "rate": 0.1, "rate_fault": "503",
-  //  "rates": [{"fault": "500", "p": 0.15}, ...] or "500=0.15,...", "seed": 7}; every member is
-  // optional.
+  //  "rates": [{"fault": "500", "p": 0.15}, ...] or "500=0.15,...", "seed": 7,
+  //  "path_prefix": "/api/v1.3/ingest/"}; every member is optional.
   static Result<FaultPlan> fromJson(const nlohmann::json& json);
   nlohmann::json toJson() const;
   // Why the rate and the mix cannot be drawn from (together above 1), or nothing.

@@ -159,6 +159,9 @@ int run(int argc, char** argv) {
                            "faults each met with a probability of its own after the script, "
                            "e.g. 500=0.15,503=0.15,drop=0.03,delay:2500=0.02");
   serveCommand->add_option("--seed", seed, "seed of the fault draws")->capture_default_str();
+  serveCommand->add_option("--fault-path", options.faults.pathPrefix,
+                           "only requests whose path begins with this meet faults, e.g. "
+                           "/api/v1.3/ingest/");
   serveCommand->add_option("--threads", options.threads, "connections served at once")
       ->check(CLI::Range(2, 256))
       ->capture_default_str();
@@ -193,6 +196,9 @@ int run(int argc, char** argv) {
   faultsCommand->add_option("--rate-fault", newRateFault, "new rate fault, e.g. 503");
   faultsCommand->add_option("--mix", newMix, "new fault mix, e.g. 503=0.2,drop=0.05");
   faultsCommand->add_option("--seed", newSeed, "new seed of the fault draws");
+  std::optional<std::string> newPathPrefix;
+  faultsCommand->add_option("--path", newPathPrefix,
+                            "only requests whose path begins with this meet faults");
   faultsCommand->add_flag("--clear", clear, "remove every fault");
 
   // Set after the subcommands exist, which would otherwise repeat it under their own examples.
@@ -212,8 +218,10 @@ int run(int argc, char** argv) {
       "  kestrova-server faults --port 8080 --script 500,drop,delay:3000,pass\n"
       "  kestrova-server faults --port 8080 --rate 0.1 --rate-fault 503 --seed 7\n"
       "  kestrova-server faults --port 8080 --mix 503=0.2,drop=0.05\n"
+      "  kestrova-server faults --port 8080 --rate 1 --rate-fault 400 --path /api/v1.3/ingest/\n"
       "  kestrova-server faults --port 8080 --clear\n\nA fault is a status code, drop, "
-      "delay:MS or pass. A new script replaces the old one; options left out take their "
+      "503:retry-after=SECONDS, delay:MS or pass. A new script replaces the old one; options left "
+      "out take their "
       "defaults (rate 0, rate fault 500, no mix, seed 1).");
 
   try {
@@ -240,7 +248,8 @@ int run(int argc, char** argv) {
   if (clear) {
     return client(host, port, "DELETE", "/_admin/faults", "");
   }
-  const bool changing = !newScript.empty() || newRate || !newRateFault.empty() || newMix || newSeed;
+  const bool changing =
+      !newScript.empty() || newRate || !newRateFault.empty() || newMix || newSeed || newPathPrefix;
   if (!changing) {
     return client(host, port, "GET", "/_admin/faults", "");
   }
@@ -257,6 +266,9 @@ int run(int argc, char** argv) {
   }
   if (newSeed) {
     plan[kestrova::server::kSeedKey] = *newSeed;
+  }
+  if (newPathPrefix) {
+    plan[kestrova::server::kPathPrefixKey] = *newPathPrefix;
   }
   return client(host, port, "POST", "/_admin/faults", plan.dump());
 }

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <mutex>
 #include <thread>
 
@@ -22,6 +23,8 @@ namespace {
 constexpr std::string_view kLogCategory = "kestrova-server";
 constexpr std::string_view kServerErrorDomain = "KestrovaServer";
 constexpr size_t kMaxProblemsReported = 20;
+// A long run keeps only the latest requests in its log.
+constexpr size_t kRequestLogLimit = 100'000;
 
 std::string dump(const nlohmann::json& json) {
   return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -125,9 +128,10 @@ class KestrovaServer::Impl {
   mutable std::mutex faultMutex_;  // owns faults_
   FaultInjector faults_;
 
-  mutable std::mutex statsMutex_;  // owns requests_ and requestCount_
+  mutable std::mutex statsMutex_;  // owns requests_, requestCount_ and requestLog_
   std::map<std::string, std::map<std::string, std::int64_t>> requests_;
   std::int64_t requestCount_ = 0;
+  std::deque<RequestRecord> requestLog_;  // the last kRequestLogLimit requests
 
  private:
   using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
@@ -135,6 +139,8 @@ class KestrovaServer::Impl {
   // Counts the answer, keeps exceptions inside, and applies the fault plan first when `api`.
   Handler wrap(bool api, Handler handler);
   void count(const std::string& path, const std::string& outcome);
+  void logRequest(const httplib::Request& req, std::chrono::system_clock::time_point arrived,
+                  const std::string& outcome);
   // False when the request was answered or dropped by a fault.
   bool applyFault(const httplib::Request& req, httplib::Response& res, bool& dropped);
   std::optional<std::string> authorise(const httplib::Request& req, httplib::Response& res);
@@ -159,9 +165,21 @@ void KestrovaServer::Impl::count(const std::string& path, const std::string& out
   ++requestCount_;
 }
 
+void KestrovaServer::Impl::logRequest(const httplib::Request& req,
+                                      std::chrono::system_clock::time_point arrived,
+                                      const std::string& outcome) {
+  std::lock_guard lock(statsMutex_);
+  requestLog_.push_back(
+      RequestRecord{arrived, req.method, req.path, outcome, std::hash<std::string>{}(req.body)});
+  if (requestLog_.size() > kRequestLogLimit) {
+    requestLog_.pop_front();
+  }
+}
+
 KestrovaServer::Impl::Handler KestrovaServer::Impl::wrap(bool api, Handler handler) {
   return [this, api, handler = std::move(handler)](const httplib::Request& req,
                                                    httplib::Response& res) {
+    const auto arrived = std::chrono::system_clock::now();
     requestCounted = true;
     bool dropped = false;
     try {
@@ -172,6 +190,7 @@ KestrovaServer::Impl::Handler KestrovaServer::Impl::wrap(bool api, Handler handl
       logError(kLogCategory, "Request %{public}@ failed: %{public}@", {req.path, error.what()});
       refuse(res, 500, "internal error", error.what());
     }
+    logRequest(req, arrived, dropped ? "dropped" : std::to_string(res.status));
     if (!dropped) {
       count(req.path, std::to_string(res.status));
       logInfo(kLogCategory, "%{public}@ %{public}@ %{public}@",
@@ -185,6 +204,9 @@ bool KestrovaServer::Impl::applyFault(const httplib::Request& req, httplib::Resp
   Fault fault;
   {
     std::lock_guard lock(faultMutex_);
+    if (!faults_.plan().appliesTo(req.path)) {
+      return true;
+    }
     fault = faults_.next();
   }
   switch (fault.kind) {
@@ -210,7 +232,7 @@ bool KestrovaServer::Impl::applyFault(const httplib::Request& req, httplib::Resp
       return false;
     case Fault::Kind::status:
       if (fault.status == 429 || fault.status == 503) {
-        res.set_header("Retry-After", "1");
+        res.set_header("Retry-After", std::to_string(fault.retryAfter.value_or(1)));
       }
       answer(res, fault.status, {{"error", "injected fault"}, {"status", fault.status}});
       return false;
@@ -471,6 +493,11 @@ ServerStats KestrovaServer::stats() const {
   stats.requests = impl_->requests_;
   stats.requestCount = impl_->requestCount_;
   return stats;
+}
+
+std::vector<RequestRecord> KestrovaServer::requestLog() const {
+  std::lock_guard lock(impl_->statsMutex_);
+  return {impl_->requestLog_.begin(), impl_->requestLog_.end()};
 }
 
 void KestrovaServer::setFaults(FaultPlan plan) {

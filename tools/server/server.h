@@ -14,6 +14,7 @@
 // whole or, when any data point in it is malformed, not at all (400).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -49,6 +50,16 @@ inline constexpr std::string_view kByProfileKey = "by_profile";
 inline constexpr std::string_view kRequestCountKey = "request_count";
 inline constexpr std::string_view kRequestsKey = "requests";
 
+// One request as the server answered it, in the order of arrival.
+struct RequestRecord {
+  std::chrono::system_clock::time_point arrived;
+  std::string method;
+  std::string path;
+  std::string outcome;  // "200", "503", ..., "dropped"
+  // Tells requests with the same body apart from others.
+  std::size_t bodyHash = 0;
+};
+
 struct ServerStats {
   StoreCounts store;
   // Request path → answer ("200", "403", ..., "dropped") → count, since the server started.
@@ -80,6 +91,8 @@ class KestrovaServer {
   std::vector<StoredDataPoint> dataPoints(const std::string& profile) const;
   std::optional<StoredDataPoint> dataPoint(const std::string& profile, const std::string& id) const;
   ServerStats stats() const;
+  // The requests since the server started, the latest 100,000 at most.
+  std::vector<RequestRecord> requestLog() const;
   void setFaults(FaultPlan plan);
   FaultPlan faults() const;
 

@@ -82,6 +82,14 @@ int renameWithoutReplacing(const fs::path& from, const fs::path& to) {
   return 0;
 }
 
+// A rename must reach the disk for the file to survive a power loss under its new name.
+void syncDirectory(const fs::path& path) {
+  FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.valid()) {
+    ::fsync(directory.get());
+  }
+}
+
 class LocalFileSystem : public FileSystem {
  public:
   explicit LocalFileSystem(fs::path root) : root_(std::move(root)) {}
@@ -125,12 +133,16 @@ class LocalFileSystem : public FileSystem {
     if (int code = renameWithoutReplacing(temporary, path); code != 0) {
       return fail(code, "Cannot rename into");
     }
-    // The rename itself must reach the disk for the file to survive a power loss.
-    FileDescriptor directory(
-        ::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.valid()) {
-      ::fsync(directory.get());
+    syncDirectory(path.parent_path());
+    return std::nullopt;
+  }
+
+  Status moveFile(const fs::path& from, const fs::path& to) override {
+    if (int code = renameWithoutReplacing(from, to); code != 0) {
+      return posixError(code, "Cannot move to", to);
     }
+    syncDirectory(to.parent_path());
+    syncDirectory(from.parent_path());
     return std::nullopt;
   }
 
