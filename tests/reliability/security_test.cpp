@@ -26,7 +26,6 @@
 #include "storage/file_server.h"
 #include "storage/token_store.h"
 #include "support/child_process.h"
-#include "platform/activity.h"
 #include "support/test_support.h"
 
 namespace kestrova {
