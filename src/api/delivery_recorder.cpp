@@ -176,9 +176,11 @@ void DeliveryRecorder::fileAnswered(FileNameComponents fileName, bool bulk,
       }
     }
     const bool gone = handleUploadOutcome(self->fileServer_, fileName, bulk, response, error);
-    UploadAttempts attempts;
-    if (!gone && response) {
-      attempts = self->store_.attempts(event.fileName);
+    const auto stored = self->store_.attempts(event.fileName);
+    auto attempts = stored;
+    if (gone) {
+      attempts = {};
+    } else if (response) {
       attempts.notBefore = retryNotBefore(*response, now);
       event.retryNotBefore = attempts.notBefore;
       attempts.refusals = isRefusal(response->statusCode) ? attempts.refusals + 1 : 0;
@@ -189,11 +191,12 @@ void DeliveryRecorder::fileAnswered(FileNameComponents fileName, bool bulk,
         event.setAside = true;
         attempts = {};
       }
-    } else if (!gone) {
-      // No answer: neither a refusal nor the end of a row of them.
-      attempts = self->store_.attempts(event.fileName);
     }
-    self->store_.setAttempts(event.fileName, attempts);
+    // No answer at all is neither a refusal nor the end of a row of them: nothing changes.
+    // Most answers change nothing either, and cost no write.
+    if (attempts != stored) {
+      self->store_.setAttempts(event.fileName, attempts);
+    }
     self->record(std::move(event), now, data);
   });
 }

@@ -46,22 +46,22 @@ std::atomic<std::uint64_t> epoch{0};
 // cancelled before it starts never completes), so that the family's next tick cannot wait
 // forever.
 struct PageAnswer {
-  std::function<void(bool accepted)> finish;
+  std::function<void(bool accepted, std::optional<Date> retryNotBefore)> finish;
   bool answered = false;
 
   PageAnswer() = default;
   PageAnswer(const PageAnswer&) = delete;
   PageAnswer& operator=(const PageAnswer&) = delete;
-  void answer(bool accepted) {
+  void answer(bool accepted, std::optional<Date> retryNotBefore) {
     answered = true;
-    finish(accepted);
+    finish(accepted, retryNotBefore);
   }
   ~PageAnswer() {
     if (answered) {
       return;
     }
     try {
-      finish(false);
+      finish(false, std::nullopt);
     } catch (const std::exception& e) {
       logError(kCategory, kMarkFailed, {e.what()});
     }
@@ -121,6 +121,12 @@ void DataManager::tick(Family family) {
   auto& state = ticks_[static_cast<std::size_t>(family)];
   if (state.running) {
     state.again = true;
+    return;
+  }
+  const auto now = environment_.clock->now();
+  if (state.notBefore && *state.notBefore > now) {
+    // The tick comes back once the pause is over.
+    timer(family).schedule(*state.notBefore - now, std::chrono::nanoseconds{0});
     return;
   }
   state.running = true;
@@ -260,13 +266,15 @@ void DataManager::upload(Family family, StatisticsPage<Record> page, Date tickTi
   auto answer = std::make_shared<PageAnswer>();
   answer->finish = [weak = weak_from_this(), store = store_, queue = queue_, family, tickTime,
                     sent = std::move(page.records), last = std::move(page.last),
-                    complete = page.complete](bool accepted) mutable {
+                    complete = page.complete](bool accepted,
+                                              std::optional<Date> retryNotBefore) mutable {
     queue->async([weak, store, family, tickTime, sent = std::move(sent), last = std::move(last),
-                  complete, accepted] {
+                  complete, accepted, retryNotBefore] {
       auto self = weak.lock();
       if (!self) {
         return;
       }
+      self->ticks_[static_cast<std::size_t>(family)].notBefore = retryNotBefore;
       if (!accepted) {
         // What is left stays new and goes with a later tick.
         self->tickAnswered(family);
@@ -281,6 +289,7 @@ void DataManager::upload(Family family, StatisticsPage<Record> page, Date tickTi
     });
   };
   auto completion = [texts, answer, profileId = profile->id, recorder = api_.recorder(),
+                     clock = environment_.clock,
                      dataPoints](std::optional<Bytes> data, std::optional<HTTPURLResponse> response,
                                  std::optional<Error> error) {
     // A completion without an HTTP answer counts as success, as for the upload files.
@@ -292,9 +301,10 @@ void DataManager::upload(Family family, StatisticsPage<Record> page, Date tickTi
     } else {
       logInfo(kCategory, texts.success, {profileId});
     }
+    const auto notBefore = response ? retryNotBefore(*response, clock->now()) : std::nullopt;
     recorder->statisticsAnswered(dataPoints, accepted, std::move(data), std::move(response),
                                  std::move(error));
-    answer->answer(accepted);
+    answer->answer(accepted, notBefore);
   };
   // NOTE: the operation carries the profile's token so that the request is authorised with
   // the bearer stored for it: the ingest endpoint refuses requests without one.

@@ -105,6 +105,8 @@ class DataManager : public std::enable_shared_from_this<DataManager> {
   struct TickState {
     bool running = false;
     bool again = false;
+    // The back end asked (Retry-After) for no request of the family before then.
+    std::optional<Date> notBefore;
   };
   std::array<TickState, 3> ticks_;  // owned by the statistics queue
   std::mutex mutex_;                // owns the three timers

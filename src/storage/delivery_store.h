@@ -40,6 +40,8 @@ struct UploadAttempts {
   int refusals = 0;
   // The back end asked (Retry-After) not to be sent this file before then.
   std::optional<Date> notBefore;
+
+  friend bool operator==(const UploadAttempts&, const UploadAttempts&) = default;
 };
 
 class DeliveryStore {

@@ -27,6 +27,7 @@ using testing::utc;
 struct Answer {
   std::optional<int> status;  // none: a completion without an HTTP response
   bool transportError = false;
+  std::optional<std::string> retryAfter = std::nullopt;
 };
 
 // Records every request and completes it with the next scripted answer (200 when the script is
@@ -68,7 +69,11 @@ class ScriptedSession : public URLSession {
       } else if (!answer.status) {
         completion(std::nullopt, std::nullopt, std::nullopt);
       } else {
-        completion(Bytes{}, HTTPURLResponse{request.url, *answer.status, {}}, std::nullopt);
+        HTTPHeaders headers;
+        if (answer.retryAfter) {
+          headers.emplace_back("Retry-After", *answer.retryAfter);
+        }
+        completion(Bytes{}, HTTPURLResponse{request.url, *answer.status, headers}, std::nullopt);
       }
     });
   }
@@ -282,6 +287,25 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
   EXPECT_TRUE(
       log_->contains("Heart rate samples for profile p1 has NOT been uploaded successfully"));
   EXPECT_TRUE(log_->contains("Error executing heart rate samples upload request: refused"));
+}
+
+TEST_F(DataManagerTest, AFamilyIsNotSentAgainBeforeItsRetryAfterEnds) {
+  manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+  session_->script({{503, false, "10"}});
+  advance(seconds(3));
+  ASSERT_EQ(sent(), 1u);
+  // The next batch arms the tick 3 s on, but the pause runs 10 s from the answer; another
+  // family is not held back.
+  manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+  manager_->storeDailySummaryStatistics(steps(nine_, nine_ + minutes(10), 5),
+                                        DataManager::currentEpoch());
+  advance(seconds(3));
+  EXPECT_EQ(sent(), 2u);
+  advance(seconds(6) + milliseconds(999));
+  EXPECT_EQ(sent(), 2u);
+  advance(milliseconds(1));
+  ASSERT_EQ(sent(), 3u);
+  EXPECT_EQ(schemaOf(session_->requests()[2]), schemaOf(session_->requests()[0]));
 }
 
 TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
