@@ -335,7 +335,10 @@ void StatisticsPass::nextWindow(const std::shared_ptr<Pass>& pass) {
     return;
   }
   pass->outstanding = queries.size();
-  for (const auto& [state, family] : queries) {
+  // Not a structured binding: clang 14 cannot capture one in a lambda.
+  for (const auto& planned : queries) {
+    const auto* state = planned.first;
+    const auto family = planned.second;
     const auto& type = state->type;
     const auto options = family == QueryFamily::heartRate     ? kDiscreteFigures
                          : family == QueryFamily::dailyDetail ? StatisticsOptions::cumulativeSum
