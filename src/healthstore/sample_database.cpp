@@ -595,6 +595,18 @@ Result<BatchOutcome> SampleDatabase::saveBatch(
   return saved;
 }
 
+Result<SampleDatabase::Write> SampleDatabase::beginWrite() {
+  Result<SqliteTransaction> transaction = db_.begin(SqliteTransactionKind::immediate);
+  if (!transaction) {
+    return transaction.error();
+  }
+  Result<std::pair<std::int64_t, std::int64_t>> counter = changeCounter();
+  if (!counter) {
+    return counter.error();
+  }
+  return Write{std::move(transaction).value(), counter.value().first, counter.value().second + 1};
+}
+
 Result<std::pair<std::int64_t, std::int64_t>> SampleDatabase::changeCounter() {
   Result<SqliteStatement> state = db_.prepare("SELECT last_seq, last_tx FROM store_state");
   if (!state) {
@@ -741,16 +753,12 @@ Result<std::size_t> SampleDatabase::insertEach(std::string_view sql, const std::
 
 Result<BatchOutcome> SampleDatabase::insertBatch(
     const ImportBatch& batch, const std::map<Uuid, std::vector<double>>& voltages) {
-  Result<SqliteTransaction> transaction = db_.begin(SqliteTransactionKind::immediate);
-  if (!transaction) {
-    return transaction.error();
+  Result<Write> write = beginWrite();
+  if (!write) {
+    return write.error();
   }
-  Result<std::pair<std::int64_t, std::int64_t>> counter = changeCounter();
-  if (!counter) {
-    return counter.error();
-  }
-  std::int64_t seq = counter.value().first;
-  const std::int64_t tx = counter.value().second + 1;
+  std::int64_t seq = write.value().seq;
+  const std::int64_t tx = write.value().tx;
 
   Result<std::size_t> samples = insertSampleRows(batch.samples, seq, tx);
   if (!samples) {
@@ -873,23 +881,19 @@ Result<BatchOutcome> SampleDatabase::insertBatch(
       return *failure;
     }
   }
-  if (Status failure = transaction.value().commit()) {
+  if (Status failure = write.value().transaction.commit()) {
     return *failure;
   }
   return outcome;
 }
 
 Result<std::size_t> SampleDatabase::remove(const std::vector<Uuid>& uuids, Date now) {
-  Result<SqliteTransaction> transaction = db_.begin(SqliteTransactionKind::immediate);
-  if (!transaction) {
-    return transaction.error();
+  Result<Write> write = beginWrite();
+  if (!write) {
+    return write.error();
   }
-  Result<std::pair<std::int64_t, std::int64_t>> counter = changeCounter();
-  if (!counter) {
-    return counter.error();
-  }
-  std::int64_t seq = counter.value().first;
-  const std::int64_t tx = counter.value().second + 1;
+  std::int64_t seq = write.value().seq;
+  const std::int64_t tx = write.value().tx;
 
   // Identities are indexed within their type and start only (see the schema), so the rows
   // are found in one pass over the identity index, however many UUIDs are asked for.
@@ -968,7 +972,7 @@ Result<std::size_t> SampleDatabase::remove(const std::vector<Uuid>& uuids, Date 
   if (Status failure = storeChangeCounter(seq, tx)) {
     return *failure;
   }
-  if (Status failure = transaction.value().commit()) {
+  if (Status failure = write.value().transaction.commit()) {
     return *failure;
   }
   return removed;

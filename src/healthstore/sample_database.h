@@ -132,6 +132,14 @@ class SampleDatabase {
                                   std::optional<std::span<const std::uint8_t>> key, Read read);
   template <class T, class Bind>
   Result<std::size_t> insertEach(std::string_view sql, const std::vector<T>& items, Bind bind);
+  // An immediate transaction with the change counter read in it: the last change's position
+  // and the number of this transaction.
+  struct Write {
+    SqliteTransaction transaction;
+    std::int64_t seq = 0;
+    std::int64_t tx = 0;
+  };
+  Result<Write> beginWrite();
   // (last seq, last transaction number).
   Result<std::pair<std::int64_t, std::int64_t>> changeCounter();
   Status storeChangeCounter(std::int64_t seq, std::int64_t tx);
