@@ -1,4 +1,4 @@
-# The one place for warning and sanitizer flags. Hosts that build us never get -Werror:
+# The one place for warning, sanitizer and coverage flags. Hosts that build us never get -Werror:
 # it is switched on only by KESTROVA_WERROR, which CI sets.
 add_library(kestrova_warnings INTERFACE)
 target_compile_options(kestrova_warnings INTERFACE -Wall -Wextra -Wpedantic)
@@ -9,4 +9,10 @@ endif()
 if(KESTROVA_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
+endif()
+
+# Line and branch counts for scripts/coverage (a Debug build, so that lines map to code).
+if(KESTROVA_COVERAGE)
+  add_compile_options(--coverage)
+  add_link_options(--coverage)
 endif()
