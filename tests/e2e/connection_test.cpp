@@ -11,7 +11,6 @@
 #include "e2e/library_harness.h"
 #include "kestrova/facade.h"
 #include "kestrova/version.h"
-#include "server/server.h"
 #include "storage/anchor_store.h"
 #include "storage/token_store.h"
 #include "support/forwarding_health_store.h"
@@ -32,20 +31,17 @@ SourceRevision watchSource() {
   return SourceRevision{Source{"Watch", "com.apple.health.watch"}, "10.4", "Watch6,7", {10, 4, 0}};
 }
 
-SampleProperties span(Date start, Date end, Metadata metadata = {}) {
+SampleProperties span(Date start, Date end) {
   SampleProperties properties;
   properties.startDate = start;
   properties.endDate = end;
   properties.sourceRevision = watchSource();
-  properties.metadata = std::move(metadata);
   return properties;
 }
 
 SamplePtr quantity(std::string_view identifier, double value, std::string_view unit, Date start,
                    Date end) {
-  return QuantitySample::make(ObjectType::quantityType(identifier).value(),
-                              Quantity(Unit::fromString(unit).value(), value), span(start, end))
-      .value();
+  return testing::quantitySample(identifier, value, unit, start, end, watchSource());
 }
 
 SamplePtr category(std::string_view identifier, int value, Date start, Date end) {
@@ -79,11 +75,8 @@ class HostStore : public testing::ForwardingHealthStore {
 class ConnectionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    server::ServerOptions options;
-    options.secret = std::string(kSecret);
-    auto started = server::KestrovaServer::start(std::move(options));
-    ASSERT_TRUE(started.ok()) << started.error().text();
-    server_ = std::move(started).value();
+    server_ = testing::startServer(std::string(kSecret));
+    ASSERT_TRUE(server_);
     log_ = testing::CapturedLog::install();
     restart();
   }
@@ -311,9 +304,8 @@ TEST_F(ConnectionTest, FailuresOfEveryKind) {
             (GenericError{"KestrovaLib.KestrovaHealthKitError", 8, "Invalid url host"}));
 
   // A token the back end does not accept.
-  server::ServerOptions other;
-  other.secret = "another-secret";
-  auto stranger = server::KestrovaServer::start(other).value();
+  auto stranger = testing::startServer("another-secret");
+  ASSERT_TRUE(stranger);
   ASSERT_EQ(configureAndWait(KestrovaConfig(stranger->tokenFor("p1"), server_->baseUrl())),
             Outcome(true, std::nullopt));
   EXPECT_EQ(connectAndWait(),

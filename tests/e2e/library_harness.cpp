@@ -20,7 +20,8 @@ Outcome connectAndWait() {
   return done.get_future().get();
 }
 
-LibraryProcess startLibrary(const std::filesystem::path& directory, const StoreWrapper& wrap) {
+LibraryProcess startLibrary(const std::filesystem::path& directory, const StoreWrapper& wrap,
+                            std::shared_ptr<Clock> clock) {
   LibraryProcess process;
   const auto berlin = makeFixedTimeZoneSource(*TimeZone::named("Europe/Berlin"));
   EmbeddedHealthStoreOptions storeOptions;
@@ -39,6 +40,7 @@ LibraryProcess startLibrary(const std::filesystem::path& directory, const StoreW
   options.applicationIdentifier = "com.example.host";
   options.dataDirectory = directory;
   options.timeZone = berlin;
+  options.clock = std::move(clock);
   options.healthStore = wrap ? wrap(process.store) : process.store;
   auto platform = makeLinuxPlatform(std::move(options));
   if (!platform) {
@@ -55,6 +57,29 @@ void stopLibrary() {
   Kestrova::disconnect();
   installPlatform(nullptr);
   resetSharedInstanceForTesting();
+}
+
+std::unique_ptr<server::KestrovaServer> startServer(std::string secret, server::FaultPlan faults) {
+  server::ServerOptions options;
+  options.secret = std::move(secret);
+  options.faults = std::move(faults);
+  auto started = server::KestrovaServer::start(std::move(options));
+  if (!started) {
+    ADD_FAILURE() << started.error().text();
+    return nullptr;
+  }
+  return std::move(started).value();
+}
+
+SamplePtr quantitySample(std::string_view identifier, double value, std::string_view unit,
+                         Date start, Date end, const SourceRevision& source) {
+  SampleProperties properties;
+  properties.startDate = start;
+  properties.endDate = end;
+  properties.sourceRevision = source;
+  return QuantitySample::make(ObjectType::quantityType(identifier).value(),
+                              Quantity(Unit::fromString(unit).value(), value), properties)
+      .value();
 }
 
 }  // namespace kestrova::testing

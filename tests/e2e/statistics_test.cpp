@@ -9,10 +9,7 @@
 #include <map>
 #include <thread>
 
-#include "facade/kestrova_testing.h"
-#include "healthstore/embedded_health_store.h"
-#include "kestrova/facade.h"
-#include "server/server.h"
+#include "e2e/library_harness.h"
 #include "statistics/data_manager.h"
 #include "support/child_process.h"
 #include "support/test_support.h"
@@ -21,8 +18,9 @@ namespace kestrova {
 namespace {
 
 using std::chrono::minutes;
+using testing::Outcome;
+using testing::quantitySample;
 using testing::utc;
-using Outcome = std::pair<bool, std::optional<KestrovaHealthKitError>>;
 
 constexpr std::string_view kSecret = "e2e-statistics-secret";
 constexpr auto kWait = std::chrono::seconds(30);
@@ -35,72 +33,27 @@ SourceRevision watch() {
   return SourceRevision{Source{"Watch", "com.apple.health.watch"}, "10.4", "Watch6,7", {10, 4, 0}};
 }
 
-SamplePtr quantity(std::string_view identifier, double value, std::string_view unit, Date start,
-                   Date end, const SourceRevision& source) {
-  SampleProperties properties;
-  properties.startDate = start;
-  properties.endDate = end;
-  properties.sourceRevision = source;
-  return QuantitySample::make(ObjectType::quantityType(identifier).value(),
-                              Quantity(Unit::fromString(unit).value(), value), properties)
-      .value();
-}
-
 class StatisticsEndToEndTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    server::ServerOptions serverOptions;
-    serverOptions.secret = std::string(kSecret);
-    auto started = server::KestrovaServer::start(std::move(serverOptions));
-    ASSERT_TRUE(started.ok()) << started.error().text();
-    server_ = std::move(started).value();
+    server_ = testing::startServer(std::string(kSecret));
+    ASSERT_TRUE(server_);
     log_ = testing::CapturedLog::install();
-
-    const auto berlin = makeFixedTimeZoneSource(*TimeZone::named("Europe/Berlin"));
-    dispatcher_ = makeDispatcher();
-    EmbeddedHealthStoreOptions storeOptions;
-    storeOptions.path = dir_.path() / "healthstore.sqlite";
-    storeOptions.dispatcher = dispatcher_;
-    storeOptions.timeZone = berlin;
-    storeOptions.changePollInterval = std::chrono::milliseconds(10);
-    auto store = EmbeddedHealthStore::open(std::move(storeOptions));
-    ASSERT_TRUE(store.ok()) << store.error().text();
-    store_ = std::move(store).value();
-
     clock_ = ManualClock::make(utc(2024, 6, 1));
-    PlatformOptions options;
-    options.applicationIdentifier = "com.example.statistics";
-    options.dataDirectory = dir_.path();
-    options.timeZone = berlin;
-    options.clock = clock_;
-    options.healthStore = store_;
-    auto platform = makeLinuxPlatform(std::move(options));
-    ASSERT_TRUE(platform.ok()) << platform.error().text();
-    platform_ = *platform;
-    installPlatform(platform_);
-    resetSharedInstanceForTesting();
+    auto process = testing::startLibrary(dir_.path(), nullptr, clock_);
+    ASSERT_TRUE(process.platform);
+    store_ = std::move(process.store);
+    platform_ = std::move(process.platform);
   }
 
   void TearDown() override {
-    Kestrova::disconnect();
-    installPlatform(nullptr);
-    resetSharedInstanceForTesting();
+    testing::stopLibrary();
     log_->uninstall();
   }
 
   Outcome configure() const {
-    std::promise<Outcome> done;
-    Kestrova::configure(
-        KestrovaConfig(server_->tokenFor("p1"), server_->baseUrl(), utc(2024, 3, 1)),
-        [&](bool ok, auto error) {
-          done.set_value({ok, error});
-        });
-    return done.get_future().get();
-  }
-  static Outcome connect() {
-    std::promise<Outcome> done;
-    Kestrova::connect([&](bool ok, auto error) { done.set_value({ok, error}); });
-    return done.get_future().get();
+    return testing::configureAndWait(
+        KestrovaConfig(server_->tokenFor("p1"), server_->baseUrl(), utc(2024, 3, 1)));
   }
 
   // The store's own de-duplicated step count of [start, end).
@@ -154,7 +107,6 @@ class StatisticsEndToEndTest : public ::testing::Test {
   testing::TempDir dir_;
   std::unique_ptr<server::KestrovaServer> server_;
   std::shared_ptr<testing::CapturedLog> log_;
-  std::shared_ptr<Dispatcher> dispatcher_;
   std::shared_ptr<EmbeddedHealthStore> store_;
   std::shared_ptr<ManualClock> clock_;
   std::shared_ptr<const Platform> platform_;
@@ -167,37 +119,38 @@ TEST_F(StatisticsEndToEndTest, HeartRateDetailAndSummaryFiguresArriveDeduplicate
   const auto ten = utc(2024, 3, 5, 9);
   const auto& p = phone();
   const auto& w = watch();
-  ASSERT_TRUE(store_
-                  ->saveObjects({
-                      quantity(kStepCountIdentifier, 1000, "count", nine, nine + minutes(10), p),
-                      quantity(kStepCountIdentifier, 800, "count", nine, nine + minutes(10), w),
-                      quantity(kStepCountIdentifier, 300, "count", ten, ten + minutes(5), w),
-                      quantity("HKQuantityTypeIdentifierDistanceWalkingRunning", 700, "m", nine,
-                               nine + minutes(10), w),
-                      quantity("HKQuantityTypeIdentifierDistanceCycling", 2, "km", ten,
-                               ten + minutes(5), p),
-                      quantity("HKQuantityTypeIdentifierActiveEnergyBurned", 40, "kcal", nine,
-                               nine + minutes(10), w),
-                      quantity("HKQuantityTypeIdentifierBasalEnergyBurned", 15, "kcal", nine,
-                               nine + minutes(10), w),
-                      quantity(kHeartRateIdentifier, 80, "count/min", nine + minutes(2),
-                               nine + minutes(2), w),
-                      quantity(kHeartRateIdentifier, 100, "count/min", nine + minutes(7),
-                               nine + minutes(7), w),
-                      quantity(kHeartRateIdentifier, 90, "count/min", ten + minutes(1),
-                               ten + minutes(1), w),
-                      quantity(kRestingHeartRateIdentifier, 55, "count/min", utc(2024, 3, 5, 6),
-                               utc(2024, 3, 5, 6), w),
-                  })
-                  .ok());
+  ASSERT_TRUE(
+      store_
+          ->saveObjects({
+              quantitySample(kStepCountIdentifier, 1000, "count", nine, nine + minutes(10), p),
+              quantitySample(kStepCountIdentifier, 800, "count", nine, nine + minutes(10), w),
+              quantitySample(kStepCountIdentifier, 300, "count", ten, ten + minutes(5), w),
+              quantitySample("HKQuantityTypeIdentifierDistanceWalkingRunning", 700, "m", nine,
+                             nine + minutes(10), w),
+              quantitySample("HKQuantityTypeIdentifierDistanceCycling", 2, "km", ten,
+                             ten + minutes(5), p),
+              quantitySample("HKQuantityTypeIdentifierActiveEnergyBurned", 40, "kcal", nine,
+                             nine + minutes(10), w),
+              quantitySample("HKQuantityTypeIdentifierBasalEnergyBurned", 15, "kcal", nine,
+                             nine + minutes(10), w),
+              quantitySample(kHeartRateIdentifier, 80, "count/min", nine + minutes(2),
+                             nine + minutes(2), w),
+              quantitySample(kHeartRateIdentifier, 100, "count/min", nine + minutes(7),
+                             nine + minutes(7), w),
+              quantitySample(kHeartRateIdentifier, 90, "count/min", ten + minutes(1),
+                             ten + minutes(1), w),
+              quantitySample(kRestingHeartRateIdentifier, 55, "count/min", utc(2024, 3, 5, 6),
+                             utc(2024, 3, 5, 6), w),
+          })
+          .ok());
   // Samples before the start date never count.
   ASSERT_TRUE(store_
-                  ->saveObjects({quantity(kStepCountIdentifier, 5000, "count", utc(2024, 2, 20, 8),
-                                          utc(2024, 2, 20, 9), w)})
+                  ->saveObjects({quantitySample(kStepCountIdentifier, 5000, "count",
+                                                utc(2024, 2, 20, 8), utc(2024, 2, 20, 9), w)})
                   .ok());
 
   ASSERT_EQ(configure(), Outcome(true, std::nullopt));
-  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  ASSERT_EQ(testing::connectAndWait(), Outcome(true, std::nullopt));
 
   const auto dayId = "p1---2024-03-05";
   const auto nineId = "p1-ks-daily-detail-2024-03-05T09:00:00.000";
@@ -258,8 +211,8 @@ TEST_F(StatisticsEndToEndTest, HeartRateDetailAndSummaryFiguresArriveDeduplicate
 
   // A later sample reaches its interval and its day through the step count observer.
   ASSERT_TRUE(store_
-                  ->saveObjects({quantity(kStepCountIdentifier, 50, "count", ten + minutes(20),
-                                          ten + minutes(25), w)})
+                  ->saveObjects({quantitySample(kStepCountIdentifier, 50, "count",
+                                                ten + minutes(20), ten + minutes(25), w)})
                   .ok());
   const auto later = "p1-ks-daily-detail-2024-03-05T10:15:00.000";
   bySchema = uploadUntil([&](BySchema& got) {
@@ -277,15 +230,16 @@ TEST_F(StatisticsEndToEndTest, AFigureIsSentOnceAndALateSampleRecomputesOnlyFrom
   std::vector<Uuid> lastDay;
   for (int day = 0; day < 21; ++day) {
     const auto at = utc(2024, 3, 4, 8) + std::chrono::hours(24 * day);
-    samples.push_back(quantity(kStepCountIdentifier, 100 + day, "count", at, at + minutes(10), w));
-    samples.push_back(quantity(kHeartRateIdentifier, 60 + day, "count/min", at, at, w));
+    samples.push_back(
+        quantitySample(kStepCountIdentifier, 100 + day, "count", at, at + minutes(10), w));
+    samples.push_back(quantitySample(kHeartRateIdentifier, 60 + day, "count/min", at, at, w));
     if (day == 20) {
       lastDay = {samples.end()[-2]->uuid(), samples.end()[-1]->uuid()};
     }
   }
   ASSERT_TRUE(store_->saveObjects(samples).ok());
   ASSERT_EQ(configure(), Outcome(true, std::nullopt));
-  ASSERT_EQ(connect(), Outcome(true, std::nullopt));
+  ASSERT_EQ(testing::connectAndWait(), Outcome(true, std::nullopt));
   // The manual clock fires the upload timers only when moved: moved only once the first pass
   // is recorded, as a real clock does after the pass's last batch.
   ASSERT_TRUE(testing::eventually([&] { return log_->contains("Statistics pass completed"); },
@@ -307,9 +261,10 @@ TEST_F(StatisticsEndToEndTest, AFigureIsSentOnceAndALateSampleRecomputesOnlyFrom
   // A sample of a day three weeks back, imported after the sync: that day's interval and day
   // figures go again, nothing else; the pass starts at that day's local midnight.
   const auto late = utc(2024, 3, 5, 12);
-  ASSERT_TRUE(
-      store_->saveObjects({quantity(kStepCountIdentifier, 40, "count", late, late + minutes(5), w)})
-          .ok());
+  ASSERT_TRUE(store_
+                  ->saveObjects({quantitySample(kStepCountIdentifier, 40, "count", late,
+                                                late + minutes(5), w)})
+                  .ok());
   const auto lateId = "p1-ks-daily-detail-2024-03-05T13:00:00.000";
   const auto dayId = "p1---2024-03-05";
   bySchema = uploadUntil([&](BySchema& got) {

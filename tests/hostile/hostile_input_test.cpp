@@ -29,6 +29,7 @@
 #include <thread>
 
 #include "api/api.h"
+#include "e2e/library_harness.h"
 #include "facade/kestrova_testing.h"
 #include "import/import_fixture.h"
 #include "kestrova/facade.h"
@@ -77,10 +78,8 @@ TEST(HostileInput, RefusedTokensAndUrlsLeaveTheConnectionAsItWas) {
       {accepted, "api.example.com/api/", Code::invalidHost},
   };
   for (const auto& hostile : cases) {
-    std::promise<std::optional<KestrovaHealthKitError>> done;
-    Kestrova::configure(KestrovaConfig(hostile.token, hostile.url),
-                        [&](bool ok, auto error) { done.set_value(ok ? std::nullopt : error); });
-    const auto error = done.get_future().get();
+    const auto [ok, error] = configureAndWait(KestrovaConfig(hostile.token, hostile.url));
+    ASSERT_FALSE(ok) << hostile.url;
     ASSERT_TRUE(error) << hostile.url;
     EXPECT_EQ(error->code(), hostile.expected) << hostile.url;
     EXPECT_EQ(Kestrova::currentStatus(),
@@ -96,12 +95,10 @@ TEST(HostileInput, UploadFileOfInvalidUtf8IsReportedAndTheOthersStillGo) {
   TempDir dir;
   auto log = CapturedLog::install();
   auto test = makeTestPlatform(dir.path());
-  server::ServerOptions options;
-  options.secret = kSecret;
-  auto server = server::KestrovaServer::start(std::move(options));
-  ASSERT_TRUE(server) << server.error().text();
+  auto server = testing::startServer(std::string(kSecret));
+  ASSERT_TRUE(server);
   TokenStore tokens(test.platform->secureStore, test.platform->applicationIdentifier);
-  ASSERT_EQ(tokens.takeToken(server.value()->tokenFor("p1")), "p1");
+  ASSERT_EQ(tokens.takeToken(server->tokenFor("p1")), "p1");
 
   const fs::path bulk = dir.path() / "Kestrova" / "UploadBulk";
   const fs::path broken = bulk / "2024-03-01T08:00:01.000---body-2---p1";
@@ -111,7 +108,7 @@ TEST(HostileInput, UploadFileOfInvalidUtf8IsReportedAndTheOthersStillGo) {
   const auto expected = nlohmann::json::parse(dataPoints("body_measurements.json")).size() +
                         nlohmann::json::parse(dataPoints("sleep_night.json")).size();
 
-  API api(*URLComponents::parse(server.value()->baseUrl()), *test.platform);
+  API api(*URLComponents::parse(server->baseUrl()), *test.platform);
   api.uploadPending();
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (!fs::is_empty(bulk) && std::chrono::steady_clock::now() < deadline) {
@@ -119,7 +116,7 @@ TEST(HostileInput, UploadFileOfInvalidUtf8IsReportedAndTheOthersStillGo) {
   }
   EXPECT_TRUE(fs::is_empty(bulk));
   EXPECT_TRUE(log->contains("Non-json data found, file will be removed: " + broken.string()));
-  EXPECT_EQ(server.value()->dataPoints("p1").size(), expected);
+  EXPECT_EQ(server->dataPoints("p1").size(), expected);
   log->uninstall();
   installPlatform(nullptr);
 }

@@ -17,6 +17,7 @@
 #include <random>
 #include <set>
 
+#include "e2e/library_harness.h"
 #include "export_generator.h"
 #include "platform/linux/sqlite.h"
 #include "platform/log.h"
@@ -128,11 +129,7 @@ struct Side {
 
   // A new server, with a fresh secret, in place of the one before.
   void startServer() {
-    server::ServerOptions options;
-    options.secret = name + "-secret-" + std::to_string(std::random_device{}());
-    auto started = server::KestrovaServer::start(std::move(options));
-    EXPECT_TRUE(started.ok()) << started.error().text();
-    server = started ? std::move(started).value() : nullptr;
+    server = testing::startServer(name + "-secret-" + std::to_string(std::random_device{}()));
     if (server) {
       command.emplace(dataDirectory, server->tokenFor(std::string(kProfile)));
     }

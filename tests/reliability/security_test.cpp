@@ -74,12 +74,9 @@ class SecurityTest : public ::testing::Test {
 
   // A server of its own, with a fresh secret, replacing the one before.
   void startServer(server::FaultPlan faults = {}) {
-    server::ServerOptions options;
-    options.secret = "security-secret-" + std::to_string(std::random_device{}());
-    options.faults = std::move(faults);
-    auto started = server::KestrovaServer::start(std::move(options));
-    ASSERT_TRUE(started.ok()) << started.error().text();
-    server_ = std::move(started).value();
+    server_ = testing::startServer("security-secret-" + std::to_string(std::random_device{}()),
+                                   std::move(faults));
+    ASSERT_TRUE(server_);
   }
 
   void TearDown() override {

@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 
+#include "e2e/library_harness.h"
 #include "export_generator.h"
 #include "platform/log.h"
 #include "server/server.h"
@@ -97,15 +98,6 @@ class SoakTest : public ::testing::Test {
     }
   }
 
-  std::unique_ptr<server::KestrovaServer> startServer(server::FaultPlan faults) {
-    server::ServerOptions options;
-    options.secret = "soak-secret";
-    options.faults = std::move(faults);
-    auto started = server::KestrovaServer::start(std::move(options));
-    EXPECT_TRUE(started) << started.error().text();
-    return started ? std::move(started).value() : nullptr;
-  }
-
   // Starts kestrova on the data directory `side`, the token in its environment only.
   std::unique_ptr<testing::ChildProcess> kestrova(const std::string& side,
                                                   std::vector<std::string> arguments,
@@ -130,7 +122,7 @@ class SoakTest : public ::testing::Test {
 
 TEST_F(SoakTest, WatchLosesNothingWhileTheBackEndFailsAtRandomAndThenRecovers) {
   // The reference: what a sync delivers to a back end without faults.
-  auto clean = startServer({});
+  auto clean = testing::startServer("soak-secret");
   ASSERT_TRUE(clean);
   for (const auto& part : parts_) {
     import("clean", part);
@@ -149,7 +141,7 @@ TEST_F(SoakTest, WatchLosesNothingWhileTheBackEndFailsAtRandomAndThenRecovers) {
   const auto mix = soakSeconds() >= kLongRunSeconds ? kLongRunFaultMix : kFaultMix;
   faults.mix = server::FaultPlan::parseMix(mix).value();
   faults.seed = kFaultSeed;
-  auto faulty = startServer(faults);
+  auto faulty = testing::startServer("soak-secret", faults);
   ASSERT_TRUE(faulty);
   auto watch = kestrova("faulty",
                         {"watch", "--json", "--quiet", "--url", faulty->baseUrl(), "--since",
