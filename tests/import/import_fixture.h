@@ -94,6 +94,17 @@ class ImportFixture : public ::testing::Test {
     return typed;
   }
 
+  // The one sample of the type; ends the test with a failure when there are none or more.
+  template <class T>
+  std::shared_ptr<const T> only(std::string_view identifier) {
+    std::vector<std::shared_ptr<const T>> typed = samplesOf<T>(identifier);
+    if (typed.size() != 1) {
+      throw std::runtime_error(std::to_string(typed.size()) + " samples of " +
+                               std::string(identifier));
+    }
+    return typed[0];
+  }
+
   TempDir dir_;
   std::shared_ptr<Dispatcher> dispatcher_ = makeDispatcher(DispatcherOptions{2, std::nullopt});
   std::shared_ptr<EmbeddedHealthStore> store_;

@@ -6,7 +6,6 @@
 
 #include <cmath>
 
-#include "healthstore/import/export_vocabulary.h"
 #include "healthstore/sample_codec.h"
 #include "import_fixture.h"
 
@@ -14,17 +13,6 @@ namespace kestrova::testing {
 namespace {
 
 constexpr std::string_view kStepCount = "HKQuantityTypeIdentifierStepCount";
-constexpr std::string_view kHeartRate = "HKQuantityTypeIdentifierHeartRate";
-constexpr std::string_view kNoBreakSpace = "\xC2\xA0";
-
-std::uint64_t skips(const ImportSummary& summary, SkipReason reason, std::string_view detail) {
-  const auto byReason = summary.skipped.find(std::string(skipReasonName(reason)));
-  if (byReason == summary.skipped.end()) {
-    return 0;
-  }
-  const auto found = byReason->second.find(std::string(detail));
-  return found == byReason->second.end() ? 0 : found->second.count;
-}
 
 using ImporterTest = ImportFixture;
 
@@ -32,7 +20,6 @@ TEST_F(ImporterTest, OlderExportWithoutPrologAndWithWorkoutTotalsAsAttributes) {
   const ImportSummary summary = import(fixturePath("healthkit-to-sqlite/export.xml"));
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
   // Nothing left out: the characteristics, both activity summaries, the route with its points.
-  EXPECT_EQ(summary.read, 6u);
   EXPECT_EQ(summary.added, 6u);
   EXPECT_EQ(summary.skippedCount(), 0u);
   EXPECT_EQ(summary.keptByKind, (std::map<std::string, std::uint64_t>{{"ActivitySummary", 2},
@@ -42,111 +29,75 @@ TEST_F(ImporterTest, OlderExportWithoutPrologAndWithWorkoutTotalsAsAttributes) {
                                                                       {"kept as written", 1}}));
   EXPECT_EQ(summary.exportDate, "2019-07-19 10:36:11 -0700");
 
-  const auto bmi = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBodyMassIndex");
-  ASSERT_EQ(bmi.size(), 1u);
-  EXPECT_DOUBLE_EQ(valueIn(*bmi[0], "count"), 22.5312);
-  EXPECT_EQ(bmi[0]->startDate(), utc(2016, 4, 18, 15, 25, 32));
-  EXPECT_EQ(bmi[0]->sourceRevision().source.name, "Health Mate");
-  EXPECT_EQ(bmi[0]->sourceRevision().source.bundleIdentifier,
-            deriveBundleIdentifier("Health Mate"));
-  EXPECT_EQ(bmi[0]->sourceRevision().version, "2160040");
-  EXPECT_FALSE(bmi[0]->device().has_value());
-  EXPECT_EQ(bmi[0]->metadata().size(), 5u);
-  EXPECT_EQ(metadataValue<std::string>(*bmi[0], "Health Mate App Version"), "2.16.0");
-  EXPECT_EQ(metadataValue<std::int64_t>(*bmi[0], "Withings User Identifier"), 12345);
-  EXPECT_EQ(metadataValue<Date>(*bmi[0], "Modified Date"), utc(2016, 4, 18, 15, 56, 5));
-  EXPECT_EQ(metadataValue<std::string>(*bmi[0], "Withings Link"),
-            "withings-bd2://timeline/measure?userid=12345&date=482685932&type=1");
-  EXPECT_EQ(metadataValue<bool>(*bmi[0], "HKWasUserEntered"), false);
+  const auto bmi = only<QuantitySample>("HKQuantityTypeIdentifierBodyMassIndex");
+  EXPECT_DOUBLE_EQ(valueIn(*bmi, "count"), 22.5312);
+  EXPECT_EQ(bmi->startDate(), utc(2016, 4, 18, 15, 25, 32));
+  EXPECT_TRUE(bmi->sourceRevision().source.bundleIdentifier.starts_with(
+      "import.apple-health.health-mate."));
+  EXPECT_EQ(bmi->sourceRevision().version, "2160040");
+  EXPECT_FALSE(bmi->device().has_value());
+  EXPECT_EQ(metadataValue<std::string>(*bmi, "Health Mate App Version"), "2.16.0");
+  EXPECT_EQ(metadataValue<std::int64_t>(*bmi, "Withings User Identifier"), 12345);
+  EXPECT_EQ(metadataValue<Date>(*bmi, "Modified Date"), utc(2016, 4, 18, 15, 56, 5));
+  EXPECT_EQ(metadataValue<bool>(*bmi, "HKWasUserEntered"), false);
 
-  const auto heart = samplesOf<QuantitySample>(kHeartRate);
-  ASSERT_EQ(heart.size(), 1u);
-  EXPECT_DOUBLE_EQ(valueIn(*heart[0], "count/min"), 72);
-  ASSERT_TRUE(heart[0]->device().has_value());
-  EXPECT_EQ(heart[0]->device()->manufacturer, "Apple");
-  EXPECT_EQ(heart[0]->device()->hardwareVersion, "Watch2,4");
-  EXPECT_EQ(heart[0]->sourceRevision().productType, "Watch2,4");
-  EXPECT_EQ(heart[0]->sourceRevision().operatingSystemVersion, (OperatingSystemVersion{4, 3, 1}));
-  EXPECT_EQ(metadataValue<std::int64_t>(*heart[0], "HKMetadataKeyHeartRateMotionContext"), 0);
+  const auto heart = only<QuantitySample>("HKQuantityTypeIdentifierHeartRate");
+  EXPECT_EQ(heart->device()->manufacturer, "Apple");
+  EXPECT_EQ(heart->sourceRevision().productType, "Watch2,4");
+  EXPECT_EQ(heart->sourceRevision().operatingSystemVersion, (OperatingSystemVersion{4, 3, 1}));
 
-  const auto workouts = samplesOf<Workout>(kWorkoutTypeIdentifier);
-  ASSERT_EQ(workouts.size(), 1u);
-  const Workout& run = *workouts[0];
-  EXPECT_EQ(run.workoutActivityType(), 37u);
-  EXPECT_NEAR(run.duration(), 5.19412346680959 * 60, 1e-9);
-  EXPECT_NEAR(run.totalDistance()->doubleValue(Unit::meter()).value(), 800.12, 0.01);
-  EXPECT_NEAR(run.totalEnergyBurned()->doubleValue(Unit::kilocalorie()).value(), 48.745, 1e-9);
-  EXPECT_EQ(run.startDate(), utc(2016, 11, 14, 14, 25, 41));
-  EXPECT_EQ(metadataValue<std::string>(run, "HKTimeZone"), "America/Los_Angeles");
-  EXPECT_NEAR(metadataValue<Quantity>(run, "HKWeatherTemperature")
-                  .doubleValue(Unit::degreeCelsius())
-                  .value(),
-              13.333, 1e-3);
+  const auto run = only<Workout>("HKWorkoutTypeIdentifier");
+  EXPECT_EQ(run->workoutActivityType(), 37u);
+  EXPECT_NEAR(run->duration(), 5.19412346680959 * 60, 1e-9);
+  EXPECT_NEAR(run->totalDistance()->doubleValue(Unit::meter()).value(), 800.12, 0.01);
+  EXPECT_NEAR(run->totalEnergyBurned()->doubleValue(Unit::kilocalorie()).value(), 48.745, 1e-9);
   EXPECT_NEAR(
-      metadataValue<Quantity>(run, "HKWeatherHumidity").doubleValue(Unit::percent()).value(), 0.96,
+      metadataValue<Quantity>(*run, "HKWeatherHumidity").doubleValue(Unit::percent()).value(), 0.96,
       1e-12);
 
   SampleDatabase stored = database();
-  const auto routes = stored.workoutRoutes(run.uuid()).value();
+  const auto routes = stored.workoutRoutes(run->uuid()).value();
   ASSERT_EQ(routes.size(), 1u);
   EXPECT_EQ(routes[0].sourceName, "Simon’s iPhone");
-  EXPECT_EQ(routes[0].start, storedTime(utc(2016, 11, 14, 14, 25, 44)));
   ASSERT_EQ(routes[0].locations.size(), 2u);
-  EXPECT_DOUBLE_EQ(routes[0].locations[1].latitude, 37.7777);
-  EXPECT_DOUBLE_EQ(routes[0].locations[1].longitude, -122.426);
   EXPECT_DOUBLE_EQ(routes[0].locations[1].altitude, 21.2677);
-  EXPECT_DOUBLE_EQ(routes[0].locations[1].horizontalAccuracy, 2.40059);
-  EXPECT_DOUBLE_EQ(routes[0].locations[1].speed, 2.48034);
   EXPECT_DOUBLE_EQ(routes[0].locations[0].time,
                    static_cast<double>(storedTime(utc(2016, 11, 14, 14, 25, 44))) / 1e6);
-
   const auto days = stored.activitySummaries().value();
   ASSERT_EQ(days.size(), 2u);
   EXPECT_EQ(days[0], (ActivitySummaryRow{"2016-11-15", 590.252, 630, std::nullopt, std::nullopt, 68,
                                          30, 13, 12}));
-  EXPECT_EQ(days[1].day, "2016-11-16");
-  EXPECT_EQ(days[1].appleExerciseTime, 39);
-
-  const auto me = stored.keptElements("Me").value();
-  ASSERT_EQ(me.size(), 1u);
-  EXPECT_NE(me[0].json.find(R"("HKCharacteristicTypeIdentifierDateOfBirth":"1990-02-02")"),
+  EXPECT_NE(stored.keptElements("Me").value().at(0).json.find(
+                R"("HKCharacteristicTypeIdentifierDateOfBirth":"1990-02-02")"),
             std::string::npos);
 }
 
 TEST_F(ImporterTest, RecentExportWithSleepStagesAndATypeTheLibraryDoesNotReadYet) {
   const ImportSummary summary = import(fixturePath("apple-health-parser/export.xml"));
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
-  EXPECT_EQ(summary.read, 9u);
   EXPECT_EQ(summary.added, 9u);
   EXPECT_EQ(summary.skippedCount(), 0u);
   EXPECT_EQ(summary.locale, "en_NL");
   // A type the library does not read yet is stored all the same, in its canonical unit.
-  EXPECT_EQ(summary.samplesByType.at("HKQuantityTypeIdentifierAppleStandTime"), 1u);
   const auto standTime = database().sampleRows("HKQuantityTypeIdentifierAppleStandTime").value();
   ASSERT_EQ(standTime.size(), 1u);
   EXPECT_EQ(standTime[0].value, 2);
   EXPECT_EQ(standTime[0].unit, "min");
-  EXPECT_EQ(standTime[0].start, storedTime(utc(2023, 12, 31, 23, 10, 0)));
 
-  const auto sleep = samplesOf<CategorySample>(kSleepAnalysisIdentifier);
+  const auto sleep = samplesOf<CategorySample>("HKCategoryTypeIdentifierSleepAnalysis");
   ASSERT_EQ(sleep.size(), 2u);
   EXPECT_EQ(sleep[0]->value(), kSleepInBed);
   EXPECT_EQ(sleep[0]->startDate(), utc(2023, 12, 31, 22, 55, 28));
-  EXPECT_EQ(sleep[0]->sourceRevision().source.name, "Alexandre's iPhone");
   EXPECT_EQ(metadataValue<std::string>(*sleep[0], "HKTimeZone"), "Europe/Amsterdam");
   EXPECT_EQ(sleep[1]->value(), kSleepAsleepCore);
-  EXPECT_EQ(sleep[1]->endDate(), utc(2024, 1, 1, 1, 40, 23));
 
   const auto energy = samplesOf<QuantitySample>("HKQuantityTypeIdentifierActiveEnergyBurned");
   ASSERT_EQ(energy.size(), 2u);
-  EXPECT_DOUBLE_EQ(valueIn(*energy[0], "kcal"), 0.12);
   EXPECT_DOUBLE_EQ(valueIn(*energy[1], "kcal"), 0.08);
-  EXPECT_EQ(energy[1]->startDate(), utc(2024, 1, 1, 23, 52, 27));
   EXPECT_EQ(energy[1]->device()->hardwareVersion, "Watch6,7");
-  EXPECT_EQ(samples(kHeartRate).size(), 2u);
 }
 
-TEST_F(ImporterTest, FrenchExportWithVersion8DoctypeConvertsUnits) {
+TEST_F(ImporterTest, FrenchExportWithVersion8DoctypeAndItsReimportAlsoWithAnotherOffset) {
   const ImportSummary summary = import(fixturePath("healthkit-parser/exporter.xml"));
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
   EXPECT_EQ(summary.added, 14u);
@@ -154,94 +105,53 @@ TEST_F(ImporterTest, FrenchExportWithVersion8DoctypeConvertsUnits) {
   EXPECT_EQ(summary.keptByKind.at("HeartRateVariabilityMetadataList"), 1u);
 
   // The beat at "08:33:44,67" of a record that starts at 08:33:39.
-  const auto variability =
-      samplesOf<QuantitySample>("HKQuantityTypeIdentifierHeartRateVariabilitySDNN");
-  ASSERT_EQ(variability.size(), 1u);
-  const auto beats = database().beatSeries(variability[0]->uuid()).value();
+  const auto variability = only<QuantitySample>("HKQuantityTypeIdentifierHeartRateVariabilitySDNN");
+  const auto beats = database().beatSeries(variability->uuid()).value();
   ASSERT_TRUE(beats.has_value());
   ASSERT_EQ(beats->beats.size(), 1u);
   EXPECT_NEAR(beats->beats[0].secondsSinceStart, 5.67, 1e-9);
   EXPECT_EQ(beats->beats[0].beatsPerMinute, 78);
 
-  const auto height = samplesOf<QuantitySample>("HKQuantityTypeIdentifierHeight");
-  ASSERT_EQ(height.size(), 1u);
-  EXPECT_NEAR(valueIn(*height[0], "m"), 1.83, 1e-12);
-  EXPECT_EQ(height[0]->sourceRevision().source.name, "Foo");
-
-  const auto vo2 = samplesOf<QuantitySample>("HKQuantityTypeIdentifierVO2Max");
-  ASSERT_EQ(vo2.size(), 1u);
-  EXPECT_NEAR(valueIn(*vo2[0], "mL/(kg*min)"), 42.095, 1e-9);
-  EXPECT_EQ(vo2[0]->sourceRevision().source.name, "Apple" + std::string(kNoBreakSpace) + "Watch");
-  EXPECT_FALSE(vo2[0]->sourceRevision().version.has_value());
-  EXPECT_EQ(metadataValue<std::int64_t>(*vo2[0], "HKVO2MaxTestType"), 2);
-
-  const auto distance = samplesOf<QuantitySample>("HKQuantityTypeIdentifierDistanceWalkingRunning");
-  ASSERT_EQ(distance.size(), 1u);
-  EXPECT_NEAR(valueIn(*distance[0], "m"), 6855.2, 1e-6);
-  EXPECT_EQ(metadataValue<std::string>(*distance[0], "HKExternalUUID"),
-            "strava://activities/2071320016");
+  EXPECT_NEAR(valueIn(*only<QuantitySample>("HKQuantityTypeIdentifierHeight"), "m"), 1.83, 1e-12);
+  const auto vo2 = only<QuantitySample>("HKQuantityTypeIdentifierVO2Max");
+  EXPECT_NEAR(valueIn(*vo2, "mL/(kg*min)"), 42.095, 1e-9);
+  EXPECT_EQ(vo2->sourceRevision().source.name, "Apple\xC2\xA0Watch");
+  EXPECT_FALSE(vo2->sourceRevision().version.has_value());
+  EXPECT_NEAR(valueIn(*only<QuantitySample>("HKQuantityTypeIdentifierDistanceWalkingRunning"), "m"),
+              6855.2, 1e-6);
   // A summer date written with the winter offset of the export: the instant is what counts.
-  const auto steps = samplesOf<QuantitySample>(kStepCount);
-  ASSERT_EQ(steps.size(), 1u);
-  EXPECT_EQ(steps[0]->startDate(), utc(2016, 7, 11, 20, 58, 42));
-  EXPECT_EQ(steps[0]->device()->hardwareVersion, "iPhone8,4");
-}
+  const auto steps = only<QuantitySample>(kStepCount);
+  EXPECT_EQ(steps->startDate(), utc(2016, 7, 11, 20, 58, 42));
+  EXPECT_EQ(steps->device()->hardwareVersion, "iPhone8,4");
 
-TEST_F(ImporterTest, ReimportingAddsNothingAlsoWhenTheExportOffsetChanged) {
-  const ImportSummary first = import(fixturePath("healthkit-parser/exporter.xml"));
-  ASSERT_TRUE(first.ok());
   const ImportSummary again = import(fixturePath("healthkit-parser/exporter.xml"));
   ASSERT_TRUE(again.ok());
   EXPECT_EQ(again.added, 0u);
   EXPECT_EQ(again.alreadyPresent, 14u);
-
   // The same step record in an export made in summer: same instants, other offset text.
-  const std::string shifted = R"(<HealthData locale="fr_FR">
+  writeText(dir_.path() / "summer" / "export.xml", R"(<HealthData locale="fr_FR">
  <Record type="HKQuantityTypeIdentifierStepCount" sourceName="iPhone" sourceVersion="9.3.2" unit="count" creationDate="2016-07-12 00:03:23 +0200" startDate="2016-07-11 22:58:42 +0200" endDate="2016-07-11 22:59:05 +0200" value="14.0"/>
  <Record type="HKQuantityTypeIdentifierStepCount" sourceName="iPhone" sourceVersion="9.3.2" unit="count" creationDate="2016-07-12 00:03:23 +0200" startDate="2016-07-11 22:59:42 +0200" endDate="2016-07-11 22:59:55 +0200" value="3"/>
 </HealthData>
-)";
-  writeText(dir_.path() / "summer" / "export.xml", shifted);
+)");
   const ImportSummary summer = import(dir_.path() / "summer" / "export.xml");
   ASSERT_TRUE(summer.ok()) << summaryText(summer);
   EXPECT_EQ(summer.added, 1u);
   EXPECT_EQ(summer.alreadyPresent, 1u);
-  EXPECT_EQ(samples(kStepCount).size(), 2u);
 }
 
-// The internal subset of iOS 16.0/16.1 exports: an ATTLIST left open and junk before "]>".
-constexpr std::string_view kVersion12Prolog = R"(<?xml version="1.0" encoding="UTF-8"?>
+TEST_F(ImporterTest, MalformedVersion12DoctypeControlCharactersAndCorrelations) {
+  // The internal subset of iOS 16.0/16.1 exports: an ATTLIST left open and junk before "]>".
+  std::string text = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE HealthData [
 <!-- HealthKit Export Version: 12 -->
-<!ELEMENT HealthData (ExportDate,Me,(Record|Correlation|Workout|ActivitySummary|ClinicalRecord|Audiogram|VisionPrescription)*)>
-<!ATTLIST HealthData
-  locale CDATA #REQUIRED
->
-<!ELEMENT VisionPrescription ((RightEye|LeftEye|Attachment|MetadataEntry)*)>
 <!ATTLIST VisionPrescription
-  type CDATA #REQUIRED
-  dateIssued CDATA #REQUIRED
   brand CDATA #IMPLIED
-<!ELEMENT RightEye EMPTY>
-<!ATTLIST RightEye
-  sphere CDATA #IMPLIED
->
 <!ENTITY lol "lol">
-<!ATTLIST Record
-  type CDATA #REQUIRED
->
   device CDATA #IMPLIED
-<!ELEMENT MetadataEntry EMPTY>
-<!ATTLIST MetadataEntry
-  key CDATA #REQUIRED
-  value CDATA #REQUIRED
->
 >
 ]>
 )";
-
-TEST_F(ImporterTest, MalformedVersion12DoctypeControlCharactersAndCorrelations) {
-  std::string text(kVersion12Prolog);
   text += R"(<HealthData locale="en_US">
  <ExportDate value="2022-10-02 09:00:00 -0700"/>
  <Record type="HKQuantityTypeIdentifierBloodPressureSystolic" sourceName="Omron)";
@@ -272,28 +182,25 @@ TEST_F(ImporterTest, MalformedVersion12DoctypeControlCharactersAndCorrelations) 
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
   // The correlation and its two records (the same as the top-level ones), the unit, the
   // category value and the identifier nobody knows kept as written; only the record without
-  // a date is lost.
+  // a date is lost, at its line in the file, DOCTYPE included.
   EXPECT_EQ(summary.added, 12u);
   EXPECT_EQ(summary.alreadyPresent, 2u);
   EXPECT_EQ(summary.keptByKind.at("kept as written"), 3u);
   EXPECT_EQ(summary.skippedCount(), 1u);
-  EXPECT_EQ(skips(summary, SkipReason::unparsableDate, "HKQuantityTypeIdentifierBodyMass"), 1u);
-  // Line numbers are those of the file, DOCTYPE included.
-  EXPECT_EQ(summary.skipped.at("unparsable date").at("HKQuantityTypeIdentifierBodyMass").firstLine,
-            42u);
+  const auto undated = summary.skipped.at("unparsable date").at("HKQuantityTypeIdentifierBodyMass");
+  EXPECT_EQ(undated.count, 1u);
+  EXPECT_EQ(undated.firstLine, 23u);
 
-  const auto systolic = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBloodPressureSystolic");
-  ASSERT_EQ(systolic.size(), 1u);
-  EXPECT_EQ(systolic[0]->sourceRevision().source.name, "Omron");
-  const auto diastolic =
-      samplesOf<QuantitySample>("HKQuantityTypeIdentifierBloodPressureDiastolic");
-  ASSERT_EQ(diastolic.size(), 1u);
+  const auto systolic = only<QuantitySample>("HKQuantityTypeIdentifierBloodPressureSystolic");
+  EXPECT_EQ(systolic->sourceRevision().source.name, "Omron");
   SampleDatabase stored = database();
   const auto pressure = stored.sampleRows("HKCorrelationTypeIdentifierBloodPressure").value();
   ASSERT_EQ(pressure.size(), 1u);
   auto members = stored.correlationMembers(pressure[0].uuid).value();
+  std::vector<Uuid> expected = {
+      systolic->uuid(),
+      only<QuantitySample>("HKQuantityTypeIdentifierBloodPressureDiastolic")->uuid()};
   std::sort(members.begin(), members.end());
-  std::vector<Uuid> expected = {systolic[0]->uuid(), diastolic[0]->uuid()};
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(members, expected);
   const auto asWritten = stored.keptElements("Record").value();
@@ -306,24 +213,18 @@ TEST_F(ImporterTest, MalformedVersion12DoctypeControlCharactersAndCorrelations) 
             R"("endDate":"2022-09-30 11:00:00 -0700","MetadataEntry":[{"key":"HKFutureKey",)"
             R"("value":"a & b"}]})");
 
-  const auto glucose = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBloodGlucose");
-  ASSERT_EQ(glucose.size(), 1u);
-  EXPECT_NEAR(valueIn(*glucose[0], "mg/dL"), 99.0857, 1e-3);
-  const auto temperature = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBodyTemperature");
-  EXPECT_NEAR(valueIn(*temperature.at(0), "degC"), 37, 1e-9);
-  // Fractions stay fractions, as HealthKit keeps percentages.
-  const auto oxygen = samplesOf<QuantitySample>("HKQuantityTypeIdentifierOxygenSaturation");
-  EXPECT_DOUBLE_EQ(valueIn(*oxygen.at(0), "%"), 0.96);
-  const auto mass = samplesOf<QuantitySample>("HKQuantityTypeIdentifierBodyMass");
-  ASSERT_EQ(mass.size(), 1u);
-  EXPECT_NEAR(valueIn(*mass[0], "kg"), 69.85, 1e-9);
-
-  const auto mindful = samplesOf<CategorySample>(kMindfulSessionIdentifier);
-  ASSERT_EQ(mindful.size(), 1u);
-  EXPECT_EQ(mindful[0]->value(), 0);
-  const auto sleep = samplesOf<CategorySample>(kSleepAnalysisIdentifier);
-  ASSERT_EQ(sleep.size(), 1u);
-  EXPECT_EQ(sleep[0]->value(), kSleepAsleepUnspecified);
+  EXPECT_NEAR(valueIn(*only<QuantitySample>("HKQuantityTypeIdentifierBloodGlucose"), "mg/dL"),
+              99.0857, 1e-3);
+  EXPECT_NEAR(valueIn(*only<QuantitySample>("HKQuantityTypeIdentifierBodyTemperature"), "degC"), 37,
+              1e-9);
+  // Fractions stay fractions, as the store keeps percentages.
+  EXPECT_DOUBLE_EQ(valueIn(*only<QuantitySample>("HKQuantityTypeIdentifierOxygenSaturation"), "%"),
+                   0.96);
+  EXPECT_NEAR(valueIn(*only<QuantitySample>("HKQuantityTypeIdentifierBodyMass"), "kg"), 69.85,
+              1e-9);
+  EXPECT_EQ(only<CategorySample>("HKCategoryTypeIdentifierMindfulSession")->value(), 0);
+  EXPECT_EQ(only<CategorySample>("HKCategoryTypeIdentifierSleepAnalysis")->value(),
+            kSleepAsleepUnspecified);
 }
 
 TEST_F(ImporterTest, NewerWorkoutsPreferStatisticsAndSumActivities) {
@@ -360,7 +261,6 @@ TEST_F(ImporterTest, NewerWorkoutsPreferStatisticsAndSumActivities) {
 </HealthData>
 )";
   writeText(dir_.path() / "workouts.xml", text);
-  // The route's points are in its file, UTC times, longitude first.
   writeText(dir_.path() / "workout-routes" / "route_2025-09-16_6.15pm.gpx",
             R"(<?xml version="1.0" encoding="UTF-8"?>
 <gpx version="1.1" creator="Apple Health Export" xmlns="http://www.topografix.com/GPX/1/1">
@@ -378,60 +278,45 @@ TEST_F(ImporterTest, NewerWorkoutsPreferStatisticsAndSumActivities) {
   EXPECT_EQ(summary.keptByKind.at("WorkoutEvent"), 2u);
   EXPECT_EQ(summary.keptByKind.at("route file"), 1u);
 
-  const auto workouts = samplesOf<Workout>(kWorkoutTypeIdentifier);
+  const auto workouts = samplesOf<Workout>("HKWorkoutTypeIdentifier");
   ASSERT_EQ(workouts.size(), 3u);
   const Workout& triathlon = *workouts[0];
   EXPECT_EQ(triathlon.workoutActivityType(), 82u);
-  EXPECT_DOUBLE_EQ(triathlon.duration(), 7200);
   EXPECT_NEAR(triathlon.totalDistance()->doubleValue(Unit::meter()).value(), 41500, 1e-6);
   EXPECT_NEAR(triathlon.totalEnergyBurned()->doubleValue(Unit::kilocalorie()).value(), 239.006,
               1e-3);
-  EXPECT_FALSE(triathlon.sourceRevision().version.has_value());
-
   const Workout& strava = *workouts[1];
-  EXPECT_EQ(strava.workoutActivityType(), exportxml::kWorkoutActivityTypeOther);
+  EXPECT_EQ(strava.workoutActivityType(), 3000u);
   EXPECT_FALSE(strava.totalDistance().has_value());
-  EXPECT_FALSE(strava.totalEnergyBurned().has_value());
-
   const Workout& run = *workouts[2];
-  EXPECT_EQ(run.workoutActivityType(), 37u);
   EXPECT_DOUBLE_EQ(run.duration(), 3630);
   EXPECT_NEAR(run.totalDistance()->doubleValue(Unit::meter()).value(), 8955.12, 1e-6);
   EXPECT_NEAR(run.totalEnergyBurned()->doubleValue(Unit::kilocalorie()).value(), 560.5, 1e-9);
-  EXPECT_EQ(run.startDate(), utc(2025, 9, 16, 15, 14, 50));
   // The workout's own metadata, once each; none of its activity's or route's.
   EXPECT_EQ(run.metadata().size(), 2u);
+  EXPECT_EQ(metadataValue<std::int64_t>(run, "HKIndoorWorkout"), 0);
 
   // Its events, also those of its activity, in the order written, and its route.
   SampleDatabase stored = database();
   const auto events = stored.workoutEvents(run.uuid()).value();
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].type, "HKWorkoutEventTypeSegment");
-  EXPECT_EQ(events[0].date, storedTime(utc(2025, 9, 16, 15, 14, 50)));
   EXPECT_NEAR(events[0].durationSeconds.value(), 385.2, 1e-9);
   EXPECT_EQ(events[1].type, "HKWorkoutEventTypeLap");
   EXPECT_FALSE(events[1].durationSeconds.has_value());
-  EXPECT_TRUE(stored.workoutEvents(triathlon.uuid()).value().empty());
-  const auto routes = stored.workoutRoutes(run.uuid()).value();
-  ASSERT_EQ(routes.size(), 1u);
-  EXPECT_EQ(routes[0].filePath, "/workout-routes/route_2025-09-16_6.15pm.gpx");
-  EXPECT_NE(routes[0].metadata.value_or("").find("780F3459"), std::string::npos);
-  ASSERT_EQ(routes[0].locations.size(), 2u);
-  EXPECT_DOUBLE_EQ(routes[0].locations[0].latitude, 48.85);
-  EXPECT_DOUBLE_EQ(routes[0].locations[0].longitude, 2.35);
-  EXPECT_DOUBLE_EQ(routes[0].locations[0].altitude, 35.5);
-  EXPECT_DOUBLE_EQ(routes[0].locations[0].verticalAccuracy, 3.5);
-  EXPECT_DOUBLE_EQ(routes[0].locations[1].time - routes[0].locations[0].time, 1.5);
-  EXPECT_TRUE(std::isnan(routes[0].locations[1].speed));
+  const auto route = stored.workoutRoutes(run.uuid()).value().at(0);
+  EXPECT_EQ(route.filePath, "/workout-routes/route_2025-09-16_6.15pm.gpx");
+  EXPECT_NE(route.metadata.value_or("").find("780F3459"), std::string::npos);
+  ASSERT_EQ(route.locations.size(), 2u);
+  EXPECT_DOUBLE_EQ(route.locations[0].longitude, 2.35);
+  EXPECT_DOUBLE_EQ(route.locations[0].verticalAccuracy, 3.5);
+  EXPECT_DOUBLE_EQ(route.locations[1].time - route.locations[0].time, 1.5);
+  EXPECT_TRUE(std::isnan(route.locations[1].speed));
 
-  // Again: nothing new, and the route keeps its points once.
-  const ImportSummary again = import(dir_.path() / "workouts.xml");
-  EXPECT_EQ(again.added, 0u);
-  EXPECT_EQ(again.alreadyPresent, 3u);
+  // Again: nothing new, and the route and the events are kept once.
+  EXPECT_EQ(import(dir_.path() / "workouts.xml").alreadyPresent, 3u);
   EXPECT_EQ(stored.workoutRoutes(run.uuid()).value().at(0).locations.size(), 2u);
   EXPECT_EQ(stored.workoutEvents(run.uuid()).value().size(), 2u);
-  EXPECT_EQ(metadataValue<std::string>(run, "HKTimeZone"), "Europe/Paris");
-  EXPECT_EQ(metadataValue<std::int64_t>(run, "HKIndoorWorkout"), 0);
 }
 
 std::string stepExport(int records) {
@@ -468,8 +353,6 @@ TEST_F(ImporterTest, TruncatedFileKeepsCommittedChunksAndCompletesOnTheNextRun) 
   ASSERT_FALSE(broken.ok());
   EXPECT_EQ(broken.failure->domain, kImportErrorDomain);
   EXPECT_EQ(broken.failure->code, kImportErrorMalformed);
-  ASSERT_TRUE(broken.stoppedAt.has_value());
-  EXPECT_EQ(broken.stoppedAt->line, static_cast<std::uint64_t>(4 + kCut));
   EXPECT_EQ(broken.added, static_cast<std::uint64_t>(kCut));
   EXPECT_NE(summaryText(broken).find("stopped at line 7504"), std::string::npos)
       << summaryText(broken);
@@ -488,14 +371,8 @@ TEST_F(ImporterTest, TruncatedFileKeepsCommittedChunksAndCompletesOnTheNextRun) 
 
 TEST_F(ImporterTest, DocumentsThatAreNotExportsFailCleanly) {
   writeText(dir_.path() / "other.xml", "<?xml version=\"1.0\"?>\n<ClinicalDocument/>\n");
-  const ImportSummary other = import(dir_.path() / "other.xml");
-  ASSERT_FALSE(other.ok());
-  EXPECT_EQ(other.failure->code, kImportErrorNotAnExport);
-
-  const ImportSummary missing = import(dir_.path() / "nowhere.zip");
-  ASSERT_FALSE(missing.ok());
-  EXPECT_EQ(missing.failure->code, kImportErrorCannotOpen);
-
+  EXPECT_EQ(import(dir_.path() / "other.xml").failure->code, kImportErrorNotAnExport);
+  EXPECT_EQ(import(dir_.path() / "nowhere.zip").failure->code, kImportErrorCannotOpen);
   // An entity declared before the root must never be expanded.
   writeText(dir_.path() / "entity.xml",
             "<!DOCTYPE HealthData [<!ENTITY e SYSTEM \"file:///etc/passwd\">]>\n"
@@ -507,32 +384,29 @@ TEST_F(ImporterTest, DocumentsThatAreNotExportsFailCleanly) {
   EXPECT_EQ(entity.stoppedAt->line, 2u);
 }
 
-// ---- Archives -----------------------------------------------------------------------------
+// ---- Archives and unpacked folders ----------------------------------------------------------
 
 struct ZipEntry {
   std::string name;
   std::string content;
 };
 
-struct ArchiveDiscarder {
-  void operator()(zip_t* archive) const { zip_discard(archive); }
-};
-
 void writeZip(const std::filesystem::path& path, const std::vector<ZipEntry>& entries) {
   int error = 0;
-  std::unique_ptr<zip_t, ArchiveDiscarder> archive(
-      zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error));
+  zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
   ASSERT_NE(archive, nullptr) << error;
   for (const ZipEntry& entry : entries) {
     zip_source_t* source =
-        zip_source_buffer(archive.get(), entry.content.data(), entry.content.size(), 0);
-    ASSERT_NE(source, nullptr);
-    ASSERT_GE(zip_file_add(archive.get(), entry.name.c_str(), source, ZIP_FL_ENC_UTF_8), 0)
-        << zip_strerror(archive.get());
+        zip_source_buffer(archive, entry.content.data(), entry.content.size(), 0);
+    ASSERT_TRUE(source != nullptr &&
+                zip_file_add(archive, entry.name.c_str(), source, ZIP_FL_ENC_UTF_8) >= 0)
+        << zip_strerror(archive);
   }
   // zip_close writes and frees the archive on success only.
-  ASSERT_EQ(zip_close(archive.get()), 0) << zip_strerror(archive.get());
-  archive.release();
+  if (zip_close(archive) != 0) {
+    ADD_FAILURE() << zip_strerror(archive);
+    zip_discard(archive);
+  }
 }
 
 std::string electrocardiogram513(int count) {
@@ -548,7 +422,6 @@ std::string electrocardiogram513(int count) {
 
 TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
   const std::string document = readText(fixturePath("apple-health-parser/export.xml"));
-  const std::string realEcg = readText(fixturePath("ecg-comma-decimal/ecg_2024-08-19.csv"));
   // A resource fork bigger than the document and looking like it, to prove it is never read.
   const std::string fork = "<HealthData>" + std::string(document.size() * 2, ' ');
   const std::filesystem::path zip = dir_.path() / "exportar.zip";
@@ -556,7 +429,8 @@ TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
            {
                {"apple_health_export/\xE5\xAF\xBC\xE5\x87\xBA.xml", document},
                {"apple_health_export/export_cda.xml", "<?xml version=\"1.0\"?><ClinicalDocument/>"},
-               {"apple_health_export/electrocardiograms/ecg_2024-08-19.csv", realEcg},
+               {"apple_health_export/electrocardiograms/ecg_2024-08-19.csv",
+                readText(fixturePath("ecg-comma-decimal/ecg_2024-08-19.csv"))},
                {"apple_health_export/electrocardiograms/ecg_2021-12-17.csv",
                 electrocardiogram513(15409)},
                {"__MACOSX/apple_health_export/._\xE5\xAF\xBC\xE5\x87\xBA.xml", fork},
@@ -569,32 +443,27 @@ TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
   EXPECT_EQ(summary.electrocardiograms, 2u);
   EXPECT_EQ(summary.added, 11u);
 
-  const auto recordings = samplesOf<Electrocardiogram>(kElectrocardiogramTypeIdentifier);
+  const auto recordings = samplesOf<Electrocardiogram>("HKDataTypeIdentifierElectrocardiogram");
   ASSERT_EQ(recordings.size(), 2u);
   EXPECT_EQ(recordings[0]->numberOfVoltageMeasurements(), 15409);
   EXPECT_DOUBLE_EQ(recordings[0]->samplingFrequency()->doubleValue(Unit::hertz()).value(), 513.625);
   EXPECT_EQ(recordings[1]->numberOfVoltageMeasurements(), 15360);
-
   // The voltage query delivers volts, one per measurement.
-  std::promise<std::vector<double>> promise;
-  auto volts = std::make_shared<std::vector<double>>();
+  std::promise<void> done;
+  std::vector<double> trace;
   store_->executeQuery(ElectrocardiogramQuery::make(
-      recordings[0], [&, volts](const auto&, const ElectrocardiogramQueryResult& result) {
+      recordings[0], [&](const auto&, const ElectrocardiogramQueryResult& result) {
         if (const auto* measurement = std::get_if<VoltageMeasurement>(&result)) {
-          volts->push_back(measurement->volts);
+          trace.push_back(measurement->volts);
         } else {
-          promise.set_value(*volts);
+          done.set_value();
         }
       }));
-  std::future<std::vector<double>> future = promise.get_future();
-  ASSERT_EQ(future.wait_for(kQueryWait), std::future_status::ready);
-  const std::vector<double> trace = future.get();
+  ASSERT_EQ(done.get_future().wait_for(kQueryWait), std::future_status::ready);
   ASSERT_EQ(trace.size(), 15409u);
   EXPECT_NEAR(trace[1], -99.1e-6, 1e-12);  // "-99,1"
 
-  // A second import of the same archive finds everything there.
   const ImportSummary again = import(zip);
-  ASSERT_TRUE(again.ok());
   EXPECT_EQ(again.added, 0u);
   EXPECT_EQ(again.alreadyPresent, 11u);
 }
