@@ -1,99 +1,142 @@
+// Collection on the embedded store: which types are read and observed, and the anchored fetch
+// that turns a delivery into upload files before its anchor moves.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
+#include <atomic>
+#include <future>
 #include <mutex>
-#include <thread>
 
 #include "healthkit/health_kit_types.h"
 #include "healthkit/sample_collector.h"
 #include "healthstore/embedded_health_store.h"
 #include "storage/file_server.h"
 #include "storage/token_store.h"
+#include "support/child_process.h"
 #include "support/forwarding_health_store.h"
 #include "support/test_support.h"
 
 namespace kestrova {
 namespace {
 
-bool contains(const std::vector<ObjectType>& types, std::string_view identifier) {
-  return std::any_of(types.begin(), types.end(),
-                     [&](const ObjectType& type) { return type.identifier() == identifier; });
-}
+constexpr std::string_view kBodyMass = "HKQuantityTypeIdentifierBodyMass";
+constexpr auto kWait = std::chrono::seconds(10);
 
-TEST(HealthKitTypes, SetsAndSystemVersions) {
-  EXPECT_EQ(dailySummaryTypes().size(), 10u);
-  EXPECT_EQ(dailyDetailTypes().size(), 8u);
-  EXPECT_FALSE(contains(dailyDetailTypes(), kHeartRateIdentifier));
-  EXPECT_EQ(bodyMeasurementTypes().size(), 11u);
-  EXPECT_EQ(bodyMeasurementTypes().front().identifier(), "HKQuantityTypeIdentifierBodyMassIndex");
-
-  const auto modern = readTypes(SystemVersion{14, 0});
-  EXPECT_EQ(modern.size(), 25u);  // workout, sleep, mindful, ECG and 21 quantity types
-  EXPECT_TRUE(contains(modern, kElectrocardiogramTypeIdentifier));
-  const auto older = readTypes(SystemVersion{13, 7});
-  EXPECT_EQ(older.size(), 24u);
-  EXPECT_FALSE(contains(older, kElectrocardiogramTypeIdentifier));
-
-  EXPECT_FALSE(objectType(KestrovaHealthKitDataType::electrocardiogram, {13, 7}));
-  EXPECT_EQ(objectType(KestrovaHealthKitDataType::electrocardiogram, {14, 0})->identifier(),
-            kElectrocardiogramTypeIdentifier);
-  EXPECT_EQ(objectType(KestrovaHealthKitDataType::vo2Max, {13, 7})->identifier(),
-            "HKQuantityTypeIdentifierVO2Max");
-  // Every data type of the public table has its type on a current system.
-  for (auto type : KestrovaHealthKitDataType::allCases()) {
-    EXPECT_TRUE(objectType(type, SystemVersion{})) << type.name();
+TEST(HealthKitTypes, EachDataTypeReadsItsOwnIdentifier) {
+  using T = KestrovaHealthKitDataType;
+  const std::pair<T, std::string_view> table[] = {
+      {T::activeEnergyBurned, "HKQuantityTypeIdentifierActiveEnergyBurned"},
+      {T::basalEnergyBurned, "HKQuantityTypeIdentifierBasalEnergyBurned"},
+      {T::bloodGlucose, "HKQuantityTypeIdentifierBloodGlucose"},
+      {T::bloodPressureDiastolic, "HKQuantityTypeIdentifierBloodPressureDiastolic"},
+      {T::bloodPressureSystolic, "HKQuantityTypeIdentifierBloodPressureSystolic"},
+      {T::bodyFatPercentage, "HKQuantityTypeIdentifierBodyFatPercentage"},
+      {T::bodyMass, "HKQuantityTypeIdentifierBodyMass"},
+      {T::bodyMassIndex, "HKQuantityTypeIdentifierBodyMassIndex"},
+      {T::bodyTemperature, "HKQuantityTypeIdentifierBodyTemperature"},
+      {T::distanceCycling, "HKQuantityTypeIdentifierDistanceCycling"},
+      {T::distanceDownhillSnowSports, "HKQuantityTypeIdentifierDistanceDownhillSnowSports"},
+      {T::distanceSwimming, "HKQuantityTypeIdentifierDistanceSwimming"},
+      {T::distanceWalkingRunning, "HKQuantityTypeIdentifierDistanceWalkingRunning"},
+      {T::distanceWheelchair, "HKQuantityTypeIdentifierDistanceWheelchair"},
+      {T::electrocardiogram, "HKDataTypeIdentifierElectrocardiogram"},
+      {T::heartRate, "HKQuantityTypeIdentifierHeartRate"},
+      {T::heartRateVariabilitySDNN, "HKQuantityTypeIdentifierHeartRateVariabilitySDNN"},
+      {T::height, "HKQuantityTypeIdentifierHeight"},
+      {T::mindfulSession, "HKCategoryTypeIdentifierMindfulSession"},
+      {T::oxygenSaturation, "HKQuantityTypeIdentifierOxygenSaturation"},
+      {T::restingHeartRate, "HKQuantityTypeIdentifierRestingHeartRate"},
+      {T::sleepAnalysis, "HKCategoryTypeIdentifierSleepAnalysis"},
+      {T::stepCount, "HKQuantityTypeIdentifierStepCount"},
+      {T::vo2Max, "HKQuantityTypeIdentifierVO2Max"},
+      {T::workout, "HKWorkoutTypeIdentifier"},
+  };
+  for (const auto& [dataType, identifier] : table) {
+    const auto type = objectType(dataType, SystemVersion{14, 0});
+    ASSERT_TRUE(type) << identifier;
+    EXPECT_EQ(type->identifier(), identifier);
   }
+  EXPECT_FALSE(objectType(T::electrocardiogram, {13, 7}));
+  // Workout, sleep, mindful, ECG from 14.0 and 21 quantity types.
+  EXPECT_EQ(readTypes(SystemVersion{14, 0}).size(), 25u);
+  EXPECT_EQ(readTypes(SystemVersion{13, 7}).size(), 24u);
 }
 
-// The embedded store, except that the results of anchored queries wait until the test releases
-// them, so that a test can see how many fetches run and what happens while one is under way.
-// Its mutex owns the held results.
-class HoldingStore : public testing::ForwardingHealthStore {
+TEST(SampleFamilies, FilePrefixes) {
+  EXPECT_EQ(filePrefix(SampleFamily::workouts), "workout-");
+  EXPECT_EQ(filePrefix(SampleFamily::sleep), "sleep-");
+  EXPECT_EQ(filePrefix(SampleFamily::mindfulSessions), "mindful-");
+  EXPECT_EQ(filePrefix(SampleFamily::electrocardiograms), "ecg-");
+  EXPECT_EQ(filePrefix(SampleFamily::bodyMeasurements), "body-");
+}
+
+// The embedded store behind anchored queries that it can hold until released, fail, or run
+// without the collector's page limit; it counts the deliveries the collector has handled. Its
+// mutex owns the held results.
+class ScriptedStore : public testing::ForwardingHealthStore {
  public:
   using ForwardingHealthStore::ForwardingHealthStore;
+
   void executeQuery(std::shared_ptr<Query> query) override {
     auto anchored = std::dynamic_pointer_cast<AnchoredObjectQuery>(query);
     if (!anchored) {
       store()->executeQuery(std::move(query));
       return;
     }
+    if (failing) {
+      anchored->resultsHandler()(anchored, Error{"HKErrorDomain", 5, "not authorised"});
+      ++delivered_;
+      return;
+    }
     store()->executeQuery(AnchoredObjectQuery::make(
-        *anchored->objectType(), anchored->predicate(), anchored->anchor(), anchored->limit(),
+        *anchored->objectType(), anchored->predicate(), anchored->anchor(),
+        unlimited ? 0 : anchored->limit(),
         [this, anchored](const auto&, Result<AnchoredObjectResults> results) {
-          std::lock_guard lock(mutex_);
-          held_.push_back([anchored, results = std::move(results)]() mutable {
+          auto deliver = [this, anchored, results = std::move(results)]() mutable {
             anchored->resultsHandler()(anchored, std::move(results));
-          });
+            ++delivered_;
+          };
+          std::unique_lock lock(mutex_);
+          if (holding) {
+            held_.push_back(std::move(deliver));
+            return;
+          }
+          lock.unlock();
+          deliver();
         }));
   }
 
-  // Waits until `count` results are held, and for a moment longer to see no more come.
-  std::size_t held(std::size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (size() < count && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    return size();
+  // Whether `count` deliveries were handled, or `count` results are held, within the wait.
+  bool delivered(std::size_t count) const {
+    return testing::eventually([&] { return delivered_ >= count; }, kWait);
+  }
+  bool held(std::size_t count) {
+    return testing::eventually(
+        [&] {
+          std::lock_guard lock(mutex_);
+          return held_.size() >= count;
+        },
+        kWait);
   }
   void releaseOne() {
-    std::function<void()> deliver;
-    {
-      std::lock_guard lock(mutex_);
-      deliver = std::move(held_.front());
-      held_.erase(held_.begin());
-    }
+    std::unique_lock lock(mutex_);
+    auto deliver = std::move(held_.front());
+    held_.erase(held_.begin());
+    lock.unlock();
     deliver();
   }
-
- private:
-  std::size_t size() const {
+  std::size_t heldCount() {
     std::lock_guard lock(mutex_);
     return held_.size();
   }
 
-  mutable std::mutex mutex_;
+  std::atomic<bool> failing = false;
+  std::atomic<bool> unlimited = false;
+  std::atomic<bool> holding = false;
+
+ private:
+  std::atomic<std::size_t> delivered_ = 0;
+  std::mutex mutex_;
   std::vector<std::function<void()>> held_;
 };
 
@@ -101,22 +144,28 @@ class CollectorTest : public ::testing::Test {
  protected:
   void SetUp() override {
     test_ = testing::makeTestPlatform(dir_.path());
+    log_ = testing::CapturedLog::install();
     EmbeddedHealthStoreOptions options;
     options.path = dir_.path() / "healthstore.sqlite";
     options.dispatcher = test_.platform->dispatcher;
     store_ = EmbeddedHealthStore::open(std::move(options)).value();
-    // Uploads go nowhere: nothing here listens on port 9.
+    scripted_ = std::make_shared<ScriptedStore>(store_);
+    // Uploads go nowhere: nothing here listens on port 9, so the files stay to be counted.
+    TokenStore(test_.platform->secureStore, test_.platform->applicationIdentifier)
+        .saveToken("token-of-p1", "p1");
     api_ = std::make_shared<API>(*URLComponents::parse("http://127.0.0.1:9/api/"), *test_.platform);
   }
-  void TearDown() override { installPlatform(nullptr); }
+  void TearDown() override {
+    log_->uninstall();
+    installPlatform(nullptr);
+  }
 
   std::shared_ptr<SampleCollector> collector(
       std::set<std::string, std::less<>> enabled, SystemVersion system = {}, bool configured = true,
-      std::function<void(std::vector<ObjectType>)> statistics = nullptr,
-      std::shared_ptr<HealthStore> store = nullptr) {
+      std::function<void(std::vector<ObjectType>)> statistics = nullptr) {
     SampleCollector::Environment environment;
     environment.statistics = std::move(statistics);
-    environment.store = store ? std::move(store) : store_;
+    environment.store = scripted_;
     environment.anchors = std::make_shared<AnchorStore>(test_.platform->defaults);
     environment.clock = test_.clock;
     environment.system = system;
@@ -131,20 +180,42 @@ class CollectorTest : public ::testing::Test {
     return SampleCollector::make(std::move(environment));
   }
 
-  // Anchored fetches leave the set once delivered; observers stay.
-  static std::size_t settledCount(const SampleCollector& collector, std::size_t expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (collector.runningQueryCount() != expected &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  // `count` weighings an hour apart after the last one saved.
+  void weigh(int count) {
+    std::vector<SamplePtr> samples;
+    for (int i = 0; i < count; ++i) {
+      SampleProperties properties;
+      properties.uuid = Uuid::random();
+      next_ += std::chrono::hours(1);
+      properties.startDate = next_;
+      properties.endDate = next_;
+      properties.sourceRevision =
+          SourceRevision{Source{"Scale", "com.example.scale"}, "1", "", {1}};
+      samples.push_back(QuantitySample::make(ObjectType::quantityType(kBodyMass).value(),
+                                             Quantity(Unit::fromString("kg").value(), 70 + i % 5),
+                                             properties)
+                            .value());
     }
-    return collector.runningQueryCount();
+    ASSERT_TRUE(store_->saveObjects(samples).ok());
+  }
+
+  std::optional<std::uint64_t> anchor() const {
+    const auto stored = AnchorStore(test_.platform->defaults).storedAnchor(kBodyMass);
+    return stored ? std::optional(stored->position()) : std::nullopt;
+  }
+  // The upload files once every write queued so far is done.
+  std::vector<FileNameComponents> files() const {
+    FileServer::sharedWriteQueue(*test_.platform->dispatcher)->sync([] {});
+    return api_->fileServer().list(true);
   }
 
   testing::TempDir dir_;
   testing::TestPlatform test_;
+  std::shared_ptr<testing::CapturedLog> log_;
   std::shared_ptr<EmbeddedHealthStore> store_;
+  std::shared_ptr<ScriptedStore> scripted_;
   std::shared_ptr<API> api_;
+  Date next_ = testing::utc(2024, 3, 1);
 };
 
 TEST_F(CollectorTest, ObservesEachEnabledTypeOnceHoweverOftenStarted) {
@@ -152,97 +223,114 @@ TEST_F(CollectorTest, ObservesEachEnabledTypeOnceHoweverOftenStarted) {
   for (const auto& type : readTypes(SystemVersion{})) {
     all.emplace(type.identifier());
   }
-  auto everything = collector(all);
-  everything->startObserving();
-  everything->startObserving();
-  // Workouts, sleep, mindful sessions, electrocardiograms and eleven body measurements.
-  EXPECT_EQ(settledCount(*everything, 15), 15u);
-  everything->stopObserving();
-  EXPECT_EQ(everything->runningQueryCount(), 0u);
+  // Anchored fetches leave the running set once delivered; observers stay: workouts, sleep,
+  // mindful sessions, electrocardiograms (from 14.0) and eleven body measurements.
+  const std::tuple<std::set<std::string, std::less<>>, SystemVersion, std::size_t> cases[] = {
+      {all, SystemVersion{}, 15},
+      {all, SystemVersion{13, 0}, 14},
+      {{std::string(kBodyMass), "HKWorkoutTypeIdentifier"}, SystemVersion{}, 2},
+  };
+  for (const auto& [enabled, system, observers] : cases) {
+    auto observing = collector(enabled, system);
+    observing->startObserving();
+    observing->startObserving();
+    EXPECT_TRUE(
+        testing::eventually([&] { return observing->runningQueryCount() == observers; }, kWait))
+        << observing->runningQueryCount() << " instead of " << observers;
+    observing->stopObserving();
+    EXPECT_EQ(observing->runningQueryCount(), 0u);
+  }
+}
 
-  // Before system 14 there is no electrocardiogram observer.
-  auto older = collector(all, SystemVersion{13, 0});
-  older->startObserving();
-  EXPECT_EQ(settledCount(*older, 14), 14u);
-  older->stopObserving();
+TEST_F(CollectorTest, TheAnchorMovesOnlyOnceTheDeliveryIsInFilesOfAtMost5000Points) {
+  auto body = collector({std::string(kBodyMass)});
+  const auto fetch = [&] {
+    body->fetchNewSamples(SampleFamily::bodyMeasurements,
+                          ObjectType::quantityType(kBodyMass).value());
+  };
+  // A failed query leaves the anchor where it was.
+  scripted_->failing = true;
+  fetch();
+  EXPECT_FALSE(anchor());
+  EXPECT_TRUE(log_->contains(
+      "Error querying samples for HKQuantityTypeIdentifierBodyMass: not authorised"));
+  scripted_->failing = false;
 
-  // Only what the host enabled is observed.
-  auto narrow = collector({"HKQuantityTypeIdentifierBodyMass", "HKWorkoutTypeIdentifier"});
-  narrow->startObserving();
-  EXPECT_EQ(settledCount(*narrow, 2), 2u);
-  narrow->stopObserving();
+  // An empty delivery moves it and writes nothing.
+  fetch();
+  ASSERT_TRUE(scripted_->delivered(2));
+  const auto empty = anchor();
+  ASSERT_TRUE(empty);
+  EXPECT_TRUE(files().empty());
+
+  // 5,001 weighings in one delivery: while the files wait to be written, the anchor stays.
+  weigh(5001);
+  scripted_->unlimited = true;
+  std::promise<void> gate;
+  FileServer::sharedWriteQueue(*test_.platform->dispatcher)
+      ->async([opened = gate.get_future().share()] { opened.wait(); });
+  fetch();
+  ASSERT_TRUE(scripted_->delivered(3));
+  EXPECT_EQ(anchor(), empty) << "moved before its files were on disk";
+  gate.set_value();
+  // The full page is followed by a fetch from the new anchor, which finds nothing.
+  ASSERT_TRUE(scripted_->delivered(4));
+  const auto written = files();
+  EXPECT_GT(anchor().value_or(0), *empty);
+  auto fileServer = api_->fileServer();
+  std::vector<std::size_t> points;
+  for (const auto& file : written) {
+    EXPECT_TRUE(file.sampleId.starts_with("body-")) << file.sampleId;
+    EXPECT_EQ(file.profileId, "p1");
+    const auto bytes = fileServer.read(file, true).value();
+    points.push_back(nlohmann::json::parse(bytes.begin(), bytes.end()).size());
+  }
+  std::sort(points.begin(), points.end());
+  EXPECT_EQ(points, (std::vector<std::size_t>{1, 5000}));
+
+  // Nothing new: no file.
+  fetch();
+  ASSERT_TRUE(scripted_->delivered(5));
+  EXPECT_EQ(files().size(), 2u);
 }
 
 TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept) {
-  constexpr std::string_view kBodyMass = "HKQuantityTypeIdentifierBodyMass";
-  SampleProperties properties;
-  properties.startDate = testing::utc(2024, 3, 1, 8);
-  properties.endDate = properties.startDate;
-  properties.sourceRevision = SourceRevision{Source{"Scale", "com.example.scale"}, "1", "", {1}};
-  const auto weigh = [&](double kilograms) {
-    properties.uuid = Uuid::random();
-    properties.startDate += std::chrono::hours(1);
-    properties.endDate = properties.startDate;
-    ASSERT_TRUE(
-        store_
-            ->saveObjects({QuantitySample::make(ObjectType::quantityType(kBodyMass).value(),
-                                                Quantity(Unit::fromString("kg").value(), kilograms),
-                                                properties)
-                               .value()})
-            .ok());
-  };
-  weigh(70);
-  // With a token the uploads fail for want of a server and the files stay to be counted.
-  TokenStore(test_.platform->secureStore, test_.platform->applicationIdentifier)
-      .saveToken("token-of-p1", "p1");
-  auto holding = std::make_shared<HoldingStore>(store_);
-  auto body = collector({std::string(kBodyMass)}, SystemVersion{}, true, nullptr, holding);
-  const auto& files = api_->fileServer();
-  const AnchorStore anchors(test_.platform->defaults);
-  const auto filesWritten = [&](std::size_t count) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (files.list(true).size() < count && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return files.list(true).size();
-  };
+  weigh(1);
+  scripted_->holding = true;
+  auto body = collector({std::string(kBodyMass)});
 
   // The first fetch and the observer's first delivery meet: one fetch, and one more after it.
   body->startObserving();
-  ASSERT_EQ(holding->held(1), 1u);
-  holding->releaseOne();
-  EXPECT_EQ(filesWritten(1), 1u);
-  ASSERT_EQ(holding->held(1), 1u);
-  holding->releaseOne();
-  EXPECT_EQ(holding->held(0), 0u);
-  EXPECT_EQ(filesWritten(2), 1u) << "the same samples written twice";
-  const auto anchor = anchors.storedAnchor(kBodyMass);
-  ASSERT_TRUE(anchor);
+  ASSERT_TRUE(scripted_->held(1));
+  scripted_->releaseOne();
+  ASSERT_TRUE(scripted_->held(1));
+  EXPECT_EQ(scripted_->heldCount(), 1u);
+  scripted_->releaseOne();
+  ASSERT_TRUE(scripted_->delivered(2));
+  EXPECT_EQ(files().size(), 1u) << "the same samples written twice";
+  const auto before = anchor();
+  ASSERT_TRUE(before);
 
   // A disconnect while a fetch's results are on their way: they write no file and store no
   // anchor.
-  weigh(71);
+  weigh(1);
   body->fetchNewSamples(SampleFamily::bodyMeasurements,
                         ObjectType::quantityType(kBodyMass).value());
-  ASSERT_EQ(holding->held(1), 1u);
+  ASSERT_TRUE(scripted_->held(1));
   body->stopObserving();
-  holding->releaseOne();
-  EXPECT_EQ(filesWritten(2), 1u);
-  EXPECT_EQ(anchors.storedAnchor(kBodyMass)->position(), anchor->position());
+  scripted_->releaseOne();
+  EXPECT_EQ(files().size(), 1u);
+  EXPECT_EQ(anchor(), before);
 }
 
 TEST_F(CollectorTest, WithoutAConfigurationNothingIsObservedButDeliveryIsEnabled) {
   auto unconfigured = collector({}, SystemVersion{}, /*configured=*/false);
   unconfigured->startObserving();
   EXPECT_EQ(unconfigured->runningQueryCount(), 0u);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!store_->backgroundDeliveryRegistration(ObjectType::workoutType()) &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
   for (const auto& type : readTypes(SystemVersion{})) {
-    const auto registration = store_->backgroundDeliveryRegistration(type);
-    ASSERT_TRUE(registration) << type.identifier();
+    EXPECT_TRUE(testing::eventually(
+        [&] { return store_->backgroundDeliveryRegistration(type).has_value(); }, kWait))
+        << type.identifier();
   }
 }
 
@@ -257,30 +345,24 @@ TEST_F(CollectorTest, StatisticsRunOverEnabledTypesAndEachObserverRecomputesItsO
     std::lock_guard lock(mutex);
     passes.push_back(std::move(identifiers));
   };
-  const std::string steps(kStepCountIdentifier);
-  const std::string heartRate(kHeartRateIdentifier);
-  auto statistics = collector({steps, heartRate, "HKQuantityTypeIdentifierBodyMass"},
-                              SystemVersion{}, true, record);
+  const std::string steps = "HKQuantityTypeIdentifierStepCount";
+  const std::string heartRate = "HKQuantityTypeIdentifierHeartRate";
+  auto statistics = collector({steps, heartRate, std::string(kBodyMass)}, {}, true, record);
   statistics->startObserving();
   // The body mass observer and one statistics observer per enabled statistics type.
-  EXPECT_EQ(settledCount(*statistics, 3), 3u);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  auto seen = [&] {
-    std::lock_guard lock(mutex);
-    return passes;
-  };
-  while (seen().size() < 3 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-  }
-  auto all = seen();
-  ASSERT_EQ(all.size(), 3u);
+  EXPECT_TRUE(testing::eventually([&] { return statistics->runningQueryCount() == 3; }, kWait));
+  ASSERT_TRUE(testing::eventually(
+      [&] {
+        std::lock_guard lock(mutex);
+        return passes.size() == 3;
+      },
+      kWait));
   // First the whole pass, then each observer's first delivery for its own type.
-  EXPECT_EQ(all[0], (std::vector<std::string>{steps, heartRate}));
-  std::sort(all.begin() + 1, all.end());
-  EXPECT_EQ(all[1], std::vector<std::string>{heartRate});
-  EXPECT_EQ(all[2], std::vector<std::string>{steps});
-  statistics->stopObserving();
-  EXPECT_EQ(statistics->runningQueryCount(), 0u);
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(passes[0], (std::vector<std::string>{steps, heartRate}));
+  std::sort(passes.begin() + 1, passes.end());
+  EXPECT_EQ(passes[1], std::vector<std::string>{heartRate});
+  EXPECT_EQ(passes[2], std::vector<std::string>{steps});
 }
 
 }  // namespace
