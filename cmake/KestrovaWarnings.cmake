@@ -12,7 +12,9 @@ if(KESTROVA_SANITIZE)
 endif()
 
 # Line and branch counts for scripts/coverage (a Debug build, so that lines map to code).
+# Atomic counters: the library's threads would otherwise lose increments and gcov would read
+# negative branch counts.
 if(KESTROVA_COVERAGE)
-  add_compile_options(--coverage)
+  add_compile_options(--coverage -fprofile-update=atomic)
   add_link_options(--coverage)
 endif()
