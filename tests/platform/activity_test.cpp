@@ -4,11 +4,7 @@
 // with data still on its way; and a timer that only watches must not keep it busy for ever.
 #include "platform/activity.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -27,10 +23,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kGenerous = 10s;
-
 bool becomesIdle() {
-  return testing::eventually([] { return activity::idle(); }, kGenerous);
+  return testing::eventually([] { return activity::idle(); }, 10s);
 }
 
 // Finishes only when told to, from any thread.
@@ -45,43 +39,14 @@ class HeldOperation : public Operation {
   bool isExecuting() const override { return executing_; }
   bool isFinished() const override { return finished_; }
   void finish() {
-    willChangeValueForKey(kIsExecutingKey);
     willChangeValueForKey(kIsFinishedKey);
-    executing_ = false;
     finished_ = true;
-    didChangeValueForKey(kIsExecutingKey);
     didChangeValueForKey(kIsFinishedKey);
   }
 
  private:
   std::atomic<bool> executing_{false};
   std::atomic<bool> finished_{false};
-};
-
-// A loopback port that accepts connections (the kernel does, into its backlog) and never
-// answers them.
-class SilentListener {
- public:
-  SilentListener() : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(fd_, generic, length) == 0 && ::listen(fd_, 8) == 0 &&
-        ::getsockname(fd_, generic, &length) == 0) {
-      port_ = ntohs(address.sin_port);
-    }
-  }
-  ~SilentListener() { ::close(fd_); }
-  SilentListener(const SilentListener&) = delete;
-  SilentListener& operator=(const SilentListener&) = delete;
-
-  int port() const { return port_; }
-
- private:
-  int fd_;
-  int port_ = 0;
 };
 
 // Work that runs until the test lets it go.
@@ -99,95 +64,76 @@ TEST(ActivityTest, EveryHandOverKeepsTheProcessBusyUntilTheLastStepIsDone) {
   auto queue = dispatcher->makeSerialQueue("activity.test", QualityOfService::utility);
   ASSERT_TRUE(becomesIdle());
 
-  {
-    Gate gate;
-    queue->async(gate.waiter());
-    EXPECT_FALSE(activity::idle());
-    gate.open.set_value();
-    EXPECT_TRUE(becomesIdle());
-  }
-
   // Armed, a timer that finishes work counts until it fires or is cancelled, and its handler
   // counts as queue work; one that only watches never counts.
-  {
-    Gate gate;
-    std::atomic<bool> fired{false};
-    auto timer = clock->makeTimer(queue, [&, wait = gate.waiter()] {
-      fired = true;
-      wait();
-    });
-    timer->schedule(50ms);
-    EXPECT_FALSE(activity::idle());
-    ASSERT_TRUE(testing::eventually([&] { return fired.load(); }, kGenerous));
-    EXPECT_FALSE(activity::idle());
-    gate.open.set_value();
-    EXPECT_TRUE(becomesIdle());
-
-    timer->schedule(1h);
-    timer->schedule(2h);  // moved, still one arming
-    EXPECT_FALSE(activity::idle());
-    timer->cancel();
-    EXPECT_TRUE(activity::idle());
-    auto watching = clock->makeTimer(
-        queue, [] {}, TimerPurpose::watches);
-    watching->schedule(1h);
-    EXPECT_TRUE(activity::idle());
-    timer->schedule(1h);
-    timer.reset();  // destroying cancels
-    EXPECT_TRUE(activity::idle());
-  }
+  Gate gate;
+  std::atomic<bool> fired{false};
+  auto timer = clock->makeTimer(queue, [&, wait = gate.waiter()] {
+    fired = true;
+    wait();
+  });
+  timer->schedule(50ms);
+  EXPECT_FALSE(activity::idle());
+  ASSERT_TRUE(testing::eventually([&] { return fired.load(); }, 10s));
+  EXPECT_FALSE(activity::idle());
+  gate.open.set_value();
+  EXPECT_TRUE(becomesIdle());
+  timer->schedule(1h);
+  timer->schedule(2h);  // moved, still one arming
+  EXPECT_FALSE(activity::idle());
+  timer->cancel();
+  EXPECT_TRUE(activity::idle());
+  auto watching = clock->makeTimer(
+      queue, [] {}, TimerPurpose::watches);
+  watching->schedule(1h);
+  EXPECT_TRUE(activity::idle());
+  timer->schedule(1h);
+  timer.reset();  // destroying cancels
+  EXPECT_TRUE(activity::idle());
 
   // An operation counts from its addition until it finishes, also while it waits its turn.
-  {
-    auto operations = OperationQueue::make("activity.operations", QualityOfService::utility, queue);
-    auto first = std::make_shared<HeldOperation>();
-    auto second = std::make_shared<HeldOperation>();
-    operations->addOperation(first);
-    operations->addOperation(second);
-    ASSERT_TRUE(testing::eventually([&] { return first->isExecuting(); }, kGenerous));
-    first->finish();
-    EXPECT_FALSE(activity::idle());
-    ASSERT_TRUE(testing::eventually([&] { return second->isExecuting(); }, kGenerous));
-    second->finish();
-    EXPECT_TRUE(becomesIdle());
-    // A queue that goes away with operations in it no longer waits for them.
-    operations->setSuspended(true);
-    operations->addOperation(std::make_shared<HeldOperation>());
-    EXPECT_FALSE(activity::idle());
-    operations.reset();
-    EXPECT_TRUE(becomesIdle());
-  }
+  auto operations = OperationQueue::make("activity.operations", QualityOfService::utility, queue);
+  auto first = std::make_shared<HeldOperation>();
+  auto second = std::make_shared<HeldOperation>();
+  operations->addOperation(first);
+  operations->addOperation(second);
+  ASSERT_TRUE(testing::eventually([&] { return first->isExecuting(); }, 10s));
+  first->finish();
+  EXPECT_FALSE(activity::idle());
+  ASSERT_TRUE(testing::eventually([&] { return second->isExecuting(); }, 10s));
+  second->finish();
+  EXPECT_TRUE(becomesIdle());
+  // A queue that goes away with operations in it no longer waits for them.
+  operations->setSuspended(true);
+  operations->addOperation(std::make_shared<HeldOperation>());
+  EXPECT_FALSE(activity::idle());
+  operations.reset();
+  EXPECT_TRUE(becomesIdle());
 
   // A request counts until its completion has run, and what the completion queues counts
-  // before the request stops counting.
-  {
-    SilentListener silent;
-    ASSERT_GT(silent.port(), 0);
-    URLSessionConfiguration configuration;
-    configuration.timeoutIntervalForRequest = 300ms;
-    auto session = makeURLSession(configuration);
-    Gate inCompletion;
-    Gate followUp;
-    std::atomic<bool> completing{false};
-    session
-        ->dataTask(
-            URLRequest{
-                "http://127.0.0.1:" + std::to_string(silent.port()) + "/", "GET", {}, std::nullopt},
-            [&](auto, auto, auto) {
-              completing = true;
-              inCompletion.opened.wait();
-              queue->async(followUp.waiter());
-            })
-        ->resume();
-    EXPECT_FALSE(activity::idle());
-    ASSERT_TRUE(testing::eventually([&] { return completing.load(); }, kGenerous));
-    EXPECT_FALSE(activity::idle());
-    inCompletion.open.set_value();
-    std::this_thread::sleep_for(50ms);  // for the completion to return
-    EXPECT_FALSE(activity::idle());
-    followUp.open.set_value();
-    EXPECT_TRUE(becomesIdle());
-  }
+  // before the request stops counting. Port 1 refuses the connection, or times out.
+  URLSessionConfiguration configuration;
+  configuration.timeoutIntervalForRequest = 300ms;
+  auto session = makeURLSession(configuration);
+  Gate inCompletion;
+  Gate followUp;
+  std::atomic<bool> completing{false};
+  session
+      ->dataTask(URLRequest{"http://127.0.0.1:1/", "GET", {}, std::nullopt},
+                 [&](auto, auto, auto) {
+                   completing = true;
+                   inCompletion.opened.wait();
+                   queue->async(followUp.waiter());
+                 })
+      ->resume();
+  EXPECT_FALSE(activity::idle());
+  ASSERT_TRUE(testing::eventually([&] { return completing.load(); }, 10s));
+  EXPECT_FALSE(activity::idle());
+  inCompletion.open.set_value();
+  std::this_thread::sleep_for(50ms);  // for the completion to return
+  EXPECT_FALSE(activity::idle());
+  followUp.open.set_value();
+  EXPECT_TRUE(becomesIdle());
 }
 
 }  // namespace

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include "storage/delivery_store.h"
+#include "storage/file_server.h"
+#include "storage/profile_store.h"
+#include "storage/token_store.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -10,39 +14,67 @@ namespace {
 constexpr std::string_view kSteps = "HKQuantityTypeIdentifierStepCount";
 constexpr std::string_view kWorkouts = "HKWorkoutTypeIdentifier";
 
-TEST(AnchorStore, KeepsOneAnchorPerTypeAcrossReopening) {
-  testing::TempDir dir;
-  auto log = testing::CapturedLog::install();
-  {
-    auto test = testing::makeTestPlatform(dir.path());
-    AnchorStore anchors(test.platform->defaults);
-    anchors.storeAnchor(QueryAnchor(7), kSteps);
-    anchors.storeAnchor(QueryAnchor(0xFFFF'FFFF'FFFF'FFFFULL), kSteps);  // overwrites
-    anchors.storeAnchor(QueryAnchor(3), kWorkouts);
-    EXPECT_TRUE(
-        test.platform->defaults->data("KestrovaAnchorKeyHKQuantityTypeIdentifierStepCount"));
+class StorageTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    log_->uninstall();
+    installPlatform(nullptr);
   }
-  installPlatform(nullptr);
-  auto test = testing::makeTestPlatform(dir.path());
-  AnchorStore anchors(test.platform->defaults);
-  EXPECT_EQ(anchors.storedAnchor(kSteps), QueryAnchor(0xFFFF'FFFF'FFFF'FFFFULL));
-  EXPECT_EQ(anchors.storedAnchor(kWorkouts), QueryAnchor(3));
 
-  anchors.deleteAnchor(kSteps);
-  EXPECT_FALSE(anchors.storedAnchor(kSteps));
-  EXPECT_EQ(anchors.storedAnchor(kWorkouts), QueryAnchor(3));
-  EXPECT_TRUE(log->contains("No stored anchor for type HKQuantityTypeIdentifierStepCount"));
-  log->uninstall();
-  installPlatform(nullptr);
+  testing::TempDir dir_;
+  testing::TestPlatform test_ = testing::makeTestPlatform(dir_.path());
+  std::shared_ptr<DefaultsStore> defaults_ = test_.platform->defaults;
+  std::shared_ptr<testing::CapturedLog> log_ = testing::CapturedLog::install();
+};
+
+// Renaming any of these would orphan what users' devices already hold: their anchors (a full
+// re-read of the health store), profile, delivery records, token and pending upload files.
+TEST_F(StorageTest, PersistedNamesStayAsTheyAre) {
+  AnchorStore(defaults_).storeAnchor(QueryAnchor(7), kSteps);
+  ProfileStore(defaults_).store(Profile{"p1"});
+  DeliveryStore deliveries(defaults_);
+  FamilyDelivery delivered;
+  delivered.deliveredPoints = 3;
+  deliveries.setFamily("workout", delivered);
+  UploadAttempts refused;
+  refused.refusals = 1;
+  deliveries.setAttempts("2024-03-01T08:15:30.250---s---p1", refused);
+  EXPECT_EQ(defaults_->keys(), (std::vector<std::string>{
+                                   "KestrovaAnchorKeyHKQuantityTypeIdentifierStepCount",
+                                   "KestrovaCurrentProfileKey", "KestrovaDeliveryKey.workout",
+                                   "KestrovaUploadAttemptsKey.2024-03-01T08:15:30.250---s---p1"}));
+
+  TokenStore tokens(test_.platform->secureStore, "com.example.host");
+  tokens.saveToken("token-p1", std::string("p1"));
+  tokens.saveToken("token-without-profile", std::nullopt);
+  SecureItem item;
+  ASSERT_EQ(test_.platform->secureStore->copyMatching("com.example.host.Kestrova", "User+p1", item),
+            errSecSuccess);
+  EXPECT_EQ(toString(item.data), "token-p1");
+  ASSERT_EQ(test_.platform->secureStore->copyMatching("com.example.host.Kestrova", "User", item),
+            errSecSuccess);
+  EXPECT_EQ(toString(item.data), "token-without-profile");
+
+  const FileNameComponents file{"workout-2024-03-01T08:15:30.000", "p1",
+                                testing::utc(2024, 3, 1, 8, 15, 30, 250)};
+  EXPECT_EQ(file.fileName(), "2024-03-01T08:15:30.250---workout-2024-03-01T08:15:30.000---p1");
+  const FileServer files(test_.platform->files, nullptr);
+  EXPECT_EQ(*files.directoryURL(true), dir_.path() / "Kestrova" / "UploadBulk");
+  EXPECT_EQ(*files.directoryURL(false), dir_.path() / "Kestrova" / "Upload");
 }
 
-TEST(AnchorStore, DamagedEntriesYieldNoAnchorAndStayInPlace) {
-  testing::TempDir dir;
-  auto test = testing::makeTestPlatform(dir.path());
-  auto log = testing::CapturedLog::install();
-  AnchorStore anchors(test.platform->defaults);
-  const auto key = AnchorStore::key(kSteps);
+TEST_F(StorageTest, AnchorsOnePerTypeAndDamagedEntriesYieldNoneAndStayInPlace) {
+  AnchorStore anchors(defaults_);
+  anchors.storeAnchor(QueryAnchor(7), kSteps);
+  anchors.storeAnchor(QueryAnchor(0xFFFF'FFFF'FFFF'FFFFULL), kSteps);  // overwrites
+  anchors.storeAnchor(QueryAnchor(3), kWorkouts);
+  EXPECT_EQ(anchors.storedAnchor(kSteps), QueryAnchor(0xFFFF'FFFF'FFFF'FFFFULL));
+  anchors.deleteAnchor(kSteps);
+  EXPECT_FALSE(anchors.storedAnchor(kSteps));
+  EXPECT_TRUE(log_->contains("No stored anchor for type HKQuantityTypeIdentifierStepCount"));
+  EXPECT_EQ(anchors.storedAnchor(kWorkouts), QueryAnchor(3));
 
+  const std::string key = "KestrovaAnchorKeyHKQuantityTypeIdentifierStepCount";
   const std::vector<Bytes> damaged = {
       Bytes{},
       toBytes("not an anchor"),
@@ -51,22 +83,14 @@ TEST(AnchorStore, DamagedEntriesYieldNoAnchorAndStayInPlace) {
       Bytes{'K', 'Q', 'A', 1, 0, 0, 0, 0, 0, 0, 0, 1, 9},
   };
   for (const auto& blob : damaged) {
-    log->clear();
-    test.platform->defaults->setObject(key, blob);
+    log_->clear();
+    defaults_->setObject(key, blob);
     EXPECT_FALSE(anchors.storedAnchor(kSteps));
     EXPECT_TRUE(
-        log->contains("Unarchived data could not be converted to an QueryAnchor for type "
-                      "HKQuantityTypeIdentifierStepCount"));
-    EXPECT_EQ(test.platform->defaults->data(key), blob);
+        log_->contains("Unarchived data could not be converted to an QueryAnchor for type "
+                       "HKQuantityTypeIdentifierStepCount"));
+    EXPECT_EQ(defaults_->data(key), blob);
   }
-
-  // A value of another type is no stored anchor at all.
-  log->clear();
-  test.platform->defaults->setObject(key, std::string("text"));
-  EXPECT_FALSE(anchors.storedAnchor(kSteps));
-  EXPECT_TRUE(log->contains("No stored anchor for type"));
-  log->uninstall();
-  installPlatform(nullptr);
 }
 
 }  // namespace
