@@ -240,19 +240,32 @@ TEST_F(DataManagerTest, BatchesOneSecondApartUploadOnceThreeSecondsAfterTheLast)
 }
 
 TEST_F(DataManagerTest, EachFamilyArmsOnlyItsOwnTimer) {
-  manager_->storeDailySummaryStatistics(steps(utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), 8000),
-                                        DataManager::currentEpoch());
-  advance(seconds(3));
-  ASSERT_EQ(sent(), 1u);
-  EXPECT_EQ(schemaOf(session_->requests()[0]), "daily-summary");
-
-  manager_->storeDailyDetailStatistics(steps(nine_, nine_ + minutes(15), 120),
-                                       type(kStepCountIdentifier), DataManager::currentEpoch());
-  advance(seconds(3));
-  ASSERT_EQ(sent(), 2u);
-  EXPECT_EQ(schemaOf(session_->requests()[1]), "ks-daily-detail");
-  EXPECT_EQ(body(session_->requests()[1]).at(0)["body"]["step_count"], 120);
-  EXPECT_EQ(test_.clock->armedTimerCount(), 0u);
+  const std::pair<std::function<void()>, std::string> families[] = {
+      {[&] {
+         manager_->storeDailySummaryStatistics(
+             steps(utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), 8000), DataManager::currentEpoch());
+       },
+       "daily-summary"},
+      {[&] {
+         manager_->storeDailyDetailStatistics(steps(nine_, nine_ + minutes(15), 120),
+                                              type(kStepCountIdentifier),
+                                              DataManager::currentEpoch());
+       },
+       "ks-daily-detail"},
+      {[&] {
+         manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+       },
+       "ks-heart-rate-sample"},
+  };
+  for (const auto& [store, schema] : families) {
+    const auto before = sent();
+    store();
+    queue()->sync([] {});
+    EXPECT_EQ(test_.clock->armedTimerCount(), 1u) << schema;
+    advance(seconds(3));
+    ASSERT_EQ(sent(), before + 1) << schema;
+    EXPECT_EQ(schemaOf(session_->requests().back()), schema);
+  }
 }
 
 TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
@@ -305,7 +318,7 @@ TEST_F(DataManagerTest, AFamilyIsNotSentAgainBeforeItsRetryAfterEnds) {
   EXPECT_EQ(sent(), 2u);
   advance(milliseconds(1));
   ASSERT_EQ(sent(), 3u);
-  EXPECT_EQ(schemaOf(session_->requests()[2]), schemaOf(session_->requests()[0]));
+  EXPECT_EQ(schemaOf(session_->requests()[2]), "ks-heart-rate-sample");
 }
 
 TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
@@ -325,27 +338,31 @@ TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
   EXPECT_EQ(resent[0], body(session_->requests()[1])[0]);
 }
 
-TEST_F(DataManagerTest, ATickWaitsUntilThePreviousTickOfItsFamilyIsAnswered) {
+TEST_F(DataManagerTest, ATickWaitsForThePreviousAnswerAndAFigureGrownMeanwhileStaysNew) {
   session_->hold();
   manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
   waitUntil([&] { return sent() == 1; });
   ASSERT_EQ(sent(), 1u);
-  manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(30), 1),
-                                     DataManager::currentEpoch());
+  // While the first request is unanswered the first figure changes and its tick comes.
+  test_.clock->advance(seconds(1));
+  manager_->storeHeartRateStatistics(heartRates(nine_, 1, 75), DataManager::currentEpoch());
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
   queue()->sync([] {});
   EXPECT_EQ(sent(), 1u);
 
-  // Once answered, the first two are marked and only the third goes. The tick ends when its
-  // last request is released, which the operation queue may do after the count reaches zero.
+  // The answer marks what was read at the first tick; the changed figure goes with the next.
+  // The tick ends when its last request is released, which the operation queue may do after
+  // the count reaches zero.
   session_->release();
   waitUntil([&] { return sent() == 2; });
   settle();
   ASSERT_EQ(sent(), 2u);
-  EXPECT_EQ(body(session_->requests()[1]).size(), 1u);
+  const auto resent = body(session_->requests()[1]);
+  ASSERT_EQ(resent.size(), 1u);
+  EXPECT_EQ(resent[0]["body"]["avg"], 75);
 }
 
 TEST_F(DataManagerTest, NothingIsSentWithoutAProfileOrAfterTheManagerIsGone) {
