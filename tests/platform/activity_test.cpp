@@ -15,6 +15,7 @@
 #include "platform/clock.h"
 #include "platform/dispatch.h"
 #include "platform/operation_queue.h"
+#include "platform/stepped.h"
 #include "platform/url_session.h"
 #include "support/child_process.h"
 
@@ -27,27 +28,7 @@ bool becomesIdle() {
   return testing::eventually([] { return activity::idle(); }, 10s);
 }
 
-// Finishes only when told to, from any thread.
-class HeldOperation : public Operation {
- public:
-  bool isAsynchronous() const override { return true; }
-  void start() override {
-    willChangeValueForKey(kIsExecutingKey);
-    executing_ = true;
-    didChangeValueForKey(kIsExecutingKey);
-  }
-  bool isExecuting() const override { return executing_; }
-  bool isFinished() const override { return finished_; }
-  void finish() {
-    willChangeValueForKey(kIsFinishedKey);
-    finished_ = true;
-    didChangeValueForKey(kIsFinishedKey);
-  }
-
- private:
-  std::atomic<bool> executing_{false};
-  std::atomic<bool> finished_{false};
-};
+using testing::HeldOperation;
 
 // Work that runs until the test lets it go.
 struct Gate {

@@ -2,38 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "platform/dispatch.h"
+#include "platform/stepped.h"
 
 namespace kestrova {
 namespace {
 
 using namespace std::chrono_literals;
 
-// A dispatch queue that runs its work only when the test drains it, on the test's thread.
-class SteppedQueue : public DispatchQueue {
- public:
-  const std::string& label() const override { return label_; }
-  QualityOfService qualityOfService() const override { return QualityOfService::utility; }
-  void async(std::function<void()> work) override { pending_.push_back(std::move(work)); }
-  void sync(std::function<void()> work) override { work(); }
-  bool isCurrent() const override { return false; }
-  void runAll() {
-    while (!pending_.empty()) {
-      auto work = std::move(pending_.front());
-      pending_.pop_front();
-      work();
-    }
-  }
-
- private:
-  const std::string label_ = "stepped";
-  std::deque<std::function<void()>> pending_;  // owned by the test's thread
-};
+using testing::SteppedQueue;
 
 class ManualClockTest : public ::testing::Test {
  protected:

@@ -4,11 +4,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <deque>
 #include <stdexcept>
 #include <thread>
 
 #include "platform/dispatch_group.h"
+#include "platform/stepped.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -16,27 +16,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A dispatch queue that runs its work only when the test says so, on the test's thread, so
-// every start of an operation is a visible step.
-class SteppedQueue : public DispatchQueue {
- public:
-  const std::string& label() const override { return label_; }
-  QualityOfService qualityOfService() const override { return QualityOfService::utility; }
-  void async(std::function<void()> work) override { pending_.push_back(std::move(work)); }
-  void sync(std::function<void()> work) override { work(); }
-  bool isCurrent() const override { return false; }
-  void runAll() {
-    while (!pending_.empty()) {
-      auto work = std::move(pending_.front());
-      pending_.pop_front();
-      work();
-    }
-  }
-
- private:
-  const std::string label_ = "stepped";
-  std::deque<std::function<void()>> pending_;  // owned by the test's thread
-};
+using testing::HeldOperation;
+using testing::SteppedQueue;
 
 // Records its name in `journal` when its main runs.
 class RecordingOperation : public Operation {
@@ -50,42 +31,6 @@ class RecordingOperation : public Operation {
  private:
   std::vector<std::string>& journal_;
   const std::string name_;
-};
-
-// Runs until told to finish, possibly from another thread, as a network request does. With
-// `finishWhenCancelledAtStart` false, a start after cancel does nothing at all, so it never
-// reports finished.
-class AsyncOperation : public Operation {
- public:
-  explicit AsyncOperation(bool finishWhenCancelledAtStart = true)
-      : finishWhenCancelledAtStart_(finishWhenCancelledAtStart) {}
-  void start() override {
-    if (isCancelled()) {
-      if (finishWhenCancelledAtStart_) {
-        finish();
-      }
-      return;
-    }
-    willChangeValueForKey(kIsExecutingKey);
-    executing_.store(true);
-    didChangeValueForKey(kIsExecutingKey);
-  }
-  bool isAsynchronous() const override { return true; }
-  bool isExecuting() const override { return executing_.load(); }
-  bool isFinished() const override { return finished_.load(); }
-  void finish() {
-    willChangeValueForKey(kIsExecutingKey);
-    willChangeValueForKey(kIsFinishedKey);
-    executing_.store(false);
-    finished_.store(true);
-    didChangeValueForKey(kIsExecutingKey);
-    didChangeValueForKey(kIsFinishedKey);
-  }
-
- private:
-  const bool finishWhenCancelledAtStart_;
-  std::atomic<bool> executing_{false};
-  std::atomic<bool> finished_{false};
 };
 
 class OperationQueueTest : public ::testing::Test {
@@ -120,7 +65,7 @@ TEST_F(OperationQueueTest, OperationAnnouncesStateChangesInOrder) {
 }
 
 TEST_F(OperationQueueTest, OneAtATimeInOrderAndAnAsynchronousOneHoldsTheSlotUntilItFinishes) {
-  auto request = std::make_shared<AsyncOperation>();
+  auto request = std::make_shared<HeldOperation>();
   queue_->addOperation(std::make_shared<RecordingOperation>(journal_, "first"));
   queue_->addOperation(request);
   queue_->addOperation(std::make_shared<RecordingOperation>(journal_, "after request"));
@@ -135,7 +80,7 @@ TEST_F(OperationQueueTest, OneAtATimeInOrderAndAnAsynchronousOneHoldsTheSlotUnti
   EXPECT_EQ(journal_, (std::vector<std::string>{"first", "after request"}));
   EXPECT_EQ(queue_->operationCount(), 0u);
   // Announcing "finished" twice must not take a second operation off the queue.
-  auto held = std::make_shared<AsyncOperation>();
+  auto held = std::make_shared<HeldOperation>();
   queue_->addOperation(held);
   dispatch_->runAll();
   request->finish();
@@ -144,8 +89,8 @@ TEST_F(OperationQueueTest, OneAtATimeInOrderAndAnAsynchronousOneHoldsTheSlotUnti
 
 TEST_F(OperationQueueTest, CancelAllStartsWaitingOperationsWithoutRunningThem) {
   queue_->setSuspended(true);
-  auto silent = std::make_shared<AsyncOperation>(/*finishWhenCancelledAtStart=*/false);
-  auto polite = std::make_shared<AsyncOperation>();
+  auto silent = std::make_shared<HeldOperation>(/*finishWhenCancelledAtStart=*/false);
+  auto polite = std::make_shared<HeldOperation>();
   queue_->addOperation(std::make_shared<RecordingOperation>(journal_, "cancelled"));
   queue_->addOperation(silent);
   queue_->addOperation(polite);
@@ -164,7 +109,7 @@ TEST_F(OperationQueueTest, CancelAllStartsWaitingOperationsWithoutRunningThem) {
   EXPECT_EQ(queue_->operationCount(), 0u);
 
   // Suspending while one runs lets it go on but starts nothing after it.
-  auto running = std::make_shared<AsyncOperation>();
+  auto running = std::make_shared<HeldOperation>();
   queue_->addOperation(running);
   queue_->addOperation(std::make_shared<RecordingOperation>(journal_, "resumed"));
   dispatch_->runAll();
@@ -180,9 +125,9 @@ TEST_F(OperationQueueTest, CancelAllStartsWaitingOperationsWithoutRunningThem) {
 TEST_F(OperationQueueTest, WiderLimitBadInputThrowingOperationsAndADroppedQueue) {
   auto log = testing::CapturedLog::install();
   auto wide = OperationQueue::make("wide", QualityOfService::utility, dispatch_, 2);
-  auto a = std::make_shared<AsyncOperation>();
-  auto b = std::make_shared<AsyncOperation>();
-  auto c = std::make_shared<AsyncOperation>();
+  auto a = std::make_shared<HeldOperation>();
+  auto b = std::make_shared<HeldOperation>();
+  auto c = std::make_shared<HeldOperation>();
   for (const auto& operation : {a, b, c}) {
     wide->addOperation(operation);
   }
@@ -226,13 +171,13 @@ TEST(OperationQueueThreads, OperationsAddedFromManyThreadsNeverOverlapOnARealQue
   auto queue = OperationQueue::make("real", QualityOfService::utility,
                                     dispatcher->makeSerialQueue("ops", QualityOfService::utility));
   // Each finishes from a thread of its own, as a network callback would.
-  class Overlapping : public AsyncOperation {
+  class Overlapping : public HeldOperation {
    public:
     Overlapping(std::atomic<int>& running, std::atomic<int>& overlaps, DispatchGroup& done)
         : running_(running), overlaps_(overlaps), done_(done) {}
     void start() override {
       overlaps_ += running_.fetch_add(1) != 0 ? 1 : 0;
-      AsyncOperation::start();
+      HeldOperation::start();
       std::thread([this, self = shared_from_this()] {
         running_.fetch_sub(1);
         finish();
