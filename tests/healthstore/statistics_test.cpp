@@ -1,3 +1,6 @@
+// Statistics queries on a real store: calendar days and elapsed quarter hours across daylight
+// saving, cumulative samples split over intervals, overlapping sources counted once, discrete
+// figures time-weighted, and the options a type does not allow.
 #include <gtest/gtest.h>
 
 #include "store_fixture.h"
@@ -20,106 +23,116 @@ constexpr StatisticsOptions kSum = StatisticsOptions::cumulativeSum;
 constexpr StatisticsOptions kAverageMinMax = StatisticsOptions::discreteAverage |
                                              StatisticsOptions::discreteMin |
                                              StatisticsOptions::discreteMax;
-const Unit kCount = Unit::count();
-const Unit kBeatsPerMinute = Unit::countPerMinute();
+constexpr DateComponents kDay{.day = 1};
+constexpr DateComponents kQuarterHour{.minute = 15};
 
-double value(const std::optional<Quantity>& quantity, const Unit& unit) {
+double value(const std::optional<Quantity>& quantity, const Unit& unit = Unit::count()) {
   EXPECT_TRUE(quantity.has_value());
   return quantity ? quantity->doubleValue(unit).value() : -1;
+}
+
+double bpm(const std::optional<Quantity>& quantity) {
+  return value(quantity, Unit::countPerMinute());
 }
 
 SamplePtr steps(double count, Date start, Date end, SourceRevision source = phone()) {
   return quantitySample(kStepCountIdentifier, count, "count", start, end, std::move(source));
 }
 
-SamplePtr heartRate(double bpm, Date start, Date end) {
-  return quantitySample(kHeartRateIdentifier, bpm, "count/min", start, end, watch());
+SamplePtr heartRate(double beats, Date start, Date end) {
+  return quantitySample(kHeartRateIdentifier, beats, "count/min", start, end, watch());
 }
 
 class StoreStatistics : public StoreFixture {
  protected:
-  // One sample per hour, 60 steps each, over whole days: a day's sum is 60 per hour it has.
-  void saveHourlySteps(Date from, Date to) {
-    std::vector<SamplePtr> samples;
-    for (Date hour = from; hour < to; hour += hours(1)) {
-      samples.push_back(steps(60, hour, hour + hours(1)));
-    }
-    save(samples);
-  }
-
-  void expectDays(const StatisticsCollection& days, const TimeZone& zone,
-                  const std::vector<std::pair<CivilTime, double>>& expected) {
-    for (const auto& [day, sum] : expected) {
-      SCOPED_TRACE(std::to_string(day.month) + "-" + std::to_string(day.day));
-      const Date midnight = zone.date(day);
-      const kestrova::Statistics statistics = days.statistics(midnight + hours(12));
-      EXPECT_EQ(statistics.startDate(), midnight);
-      EXPECT_EQ(statistics.endDate(), zone.date(addingDays(day, 1)));
-      EXPECT_DOUBLE_EQ(value(statistics.sumQuantity(), kCount), sum);
-    }
+  Result<kestrova::Statistics> statistics(std::string_view identifier,
+                                          std::optional<Predicate> predicate,
+                                          StatisticsOptions options) {
+    std::promise<Result<kestrova::Statistics>> promise;
+    store_->executeQuery(
+        StatisticsQuery::make(quantityType(identifier), std::move(predicate), options,
+                              [&](const auto&, Result<kestrova::Statistics> result) {
+                                promise.set_value(std::move(result));
+                              }));
+    return wait(promise);
   }
 };
 
-TEST_F(StoreStatistics, DaysAcrossDaylightSavingInBerlin) {
-  const TimeZone berlin = TimeZone::named("Europe/Berlin").value();
-  saveHourlySteps(utc(2024, 3, 29, 23), utc(2024, 4, 1, 22));
-  saveHourlySteps(utc(2024, 10, 25, 22), utc(2024, 10, 28, 23));
-  const Result<StatisticsCollection> days =
-      collection(kStepCountIdentifier, kSum, utc(2023, 12, 31, 23), DateComponents{.day = 1});
-  ASSERT_TRUE(days.ok()) << days.error().text();
-  expectDays(days.value(), berlin,
-             {{CivilTime{2024, 3, 30}, 24 * 60},
-              {CivilTime{2024, 3, 31}, 23 * 60},
-              {CivilTime{2024, 4, 1}, 24 * 60},
-              {CivilTime{2024, 10, 26}, 24 * 60},
-              {CivilTime{2024, 10, 27}, 25 * 60},
-              {CivilTime{2024, 10, 28}, 24 * 60}});
-  // Only days with data, in order.
-  EXPECT_EQ(days.value().statistics().size(), 6u);
-  EXPECT_EQ(days.value().statistics().front().startDate(), utc(2024, 3, 29, 23));
+TEST_F(StoreStatistics, DaysFollowLocalMidnightAcrossDaylightSaving) {
+  struct Zone {
+    std::string_view name;
+    Date anchor;  // a local midnight long before the data
+    std::vector<std::pair<Date, Date>> hourly;
+    std::vector<std::pair<CivilTime, double>> days;  // each with 60 steps per hour it has
+  };
+  const Zone zones[] = {
+      {"America/New_York",
+       utc(2023, 12, 1, 5),
+       {{utc(2024, 3, 9, 5), utc(2024, 3, 11, 4)}, {utc(2024, 11, 2, 4), utc(2024, 11, 4, 5)}},
+       {{CivilTime{2024, 3, 9}, 24 * 60},
+        {CivilTime{2024, 3, 10}, 23 * 60},
+        {CivilTime{2024, 11, 2}, 24 * 60},
+        {CivilTime{2024, 11, 3}, 25 * 60}}},
+      {"Europe/Berlin",
+       utc(2023, 12, 31, 23),
+       {{utc(2024, 3, 29, 23), utc(2024, 4, 1, 22)},
+        {utc(2024, 10, 25, 22), utc(2024, 10, 28, 23)}},
+       {{CivilTime{2024, 3, 30}, 24 * 60},
+        {CivilTime{2024, 3, 31}, 23 * 60},
+        {CivilTime{2024, 4, 1}, 24 * 60},
+        {CivilTime{2024, 10, 26}, 24 * 60},
+        {CivilTime{2024, 10, 27}, 25 * 60},
+        {CivilTime{2024, 10, 28}, 24 * 60}}},
+  };
+  for (const Zone& zone : zones) {
+    SCOPED_TRACE(zone.name);
+    // A store of its own for each zone; the last one stays open.
+    store_ = openStore(zone.name, nullptr, std::string(zone.name.substr(0, 6)) + ".sqlite");
+    const TimeZone local = TimeZone::named(zone.name).value();
+    std::vector<SamplePtr> samples;
+    for (const auto& [from, to] : zone.hourly) {
+      for (Date hour = from; hour < to; hour += hours(1)) {
+        samples.push_back(steps(60, hour, hour + hours(1)));
+      }
+    }
+    save(samples);
+    const Result<StatisticsCollection> days =
+        collection(kStepCountIdentifier, kSum, zone.anchor, kDay);
+    ASSERT_TRUE(days.ok()) << days.error().text();
+    // Only days with data.
+    EXPECT_EQ(days.value().statistics().size(), zone.days.size());
+    for (const auto& [day, sum] : zone.days) {
+      SCOPED_TRACE(std::to_string(day.month) + "-" + std::to_string(day.day));
+      const kestrova::Statistics found = days.value().statistics(local.date(day) + hours(12));
+      EXPECT_EQ(found.startDate(), local.date(day));
+      EXPECT_EQ(found.endDate(), local.date(addingDays(day, 1)));
+      EXPECT_DOUBLE_EQ(value(found.sumQuantity()), sum);
+    }
+  }
 
-  // Quarter hours keep elapsed time: 01:45 is followed by 03:00 on the short night.
+  // Quarter hours keep elapsed time: 01:45 is followed by 03:00 on Berlin's short night.
   save({heartRate(60, utc(2024, 3, 31, 0, 50), utc(2024, 3, 31, 0, 50)),
         heartRate(70, utc(2024, 3, 31, 1, 5), utc(2024, 3, 31, 1, 5))});
-  const Result<StatisticsCollection> quarters =
-      collection(kHeartRateIdentifier, StatisticsOptions::discreteAverage, utc(2024, 3, 30, 23),
-                 DateComponents{.minute = 15});
-  ASSERT_TRUE(quarters.ok());
-  const auto populated = quarters.value().statistics();
-  ASSERT_EQ(populated.size(), 2u);
-  EXPECT_EQ(berlin.civil(populated[0].startDate()), (CivilTime{2024, 3, 31, 1, 45}));
-  EXPECT_EQ(berlin.civil(populated[1].startDate()), (CivilTime{2024, 3, 31, 3, 0}));
-  EXPECT_EQ(populated[0].endDate(), populated[1].startDate());
+  const auto quarters = collection(kHeartRateIdentifier, StatisticsOptions::discreteAverage,
+                                   utc(2024, 3, 30, 23), kQuarterHour)
+                            .value()
+                            .statistics();
+  ASSERT_EQ(quarters.size(), 2u);
+  const TimeZone berlin = TimeZone::named("Europe/Berlin").value();
+  EXPECT_EQ(berlin.civil(quarters[0].startDate()), (CivilTime{2024, 3, 31, 1, 45}));
+  EXPECT_EQ(berlin.civil(quarters[1].startDate()), (CivilTime{2024, 3, 31, 3, 0}));
+  EXPECT_EQ(quarters[0].endDate(), quarters[1].startDate());
 }
 
-TEST_F(StoreStatistics, DaysAcrossDaylightSavingInNewYork) {
-  store_.reset();
-  store_ = openStore("America/New_York");
-  const TimeZone newYork = TimeZone::named("America/New_York").value();
-  saveHourlySteps(utc(2024, 3, 9, 5), utc(2024, 3, 11, 4));
-  saveHourlySteps(utc(2024, 11, 2, 4), utc(2024, 11, 4, 5));
-  // Anchored at a local midnight long before: days stay aligned to local midnight.
-  const Result<StatisticsCollection> days =
-      collection(kStepCountIdentifier, kSum, utc(2023, 12, 1, 5), DateComponents{.day = 1});
-  ASSERT_TRUE(days.ok());
-  expectDays(days.value(), newYork,
-             {{CivilTime{2024, 3, 9}, 24 * 60},
-              {CivilTime{2024, 3, 10}, 23 * 60},
-              {CivilTime{2024, 11, 2}, 24 * 60},
-              {CivilTime{2024, 11, 3}, 25 * 60}});
-}
-
-TEST_F(StoreStatistics, CumulativeSamplesSplitInProportionToTime) {
+TEST_F(StoreStatistics, CumulativeSamplesSplitInProportionToTimeAlsoOutsideThePredicate) {
   // 20 minutes across a quarter-hour boundary: 5 minutes before it, 15 after.
   save({steps(20, utc(2024, 5, 1, 10, 10), utc(2024, 5, 1, 10, 30))});
-  const Result<StatisticsCollection> quarters =
-      collection(kStepCountIdentifier, kSum, utc(2024, 4, 30, 22), DateComponents{.minute = 15});
-  ASSERT_TRUE(quarters.ok());
-  const auto populated = quarters.value().statistics();
-  ASSERT_EQ(populated.size(), 2u);
-  EXPECT_EQ(populated[0].startDate(), utc(2024, 5, 1, 10));
-  EXPECT_NEAR(value(populated[0].sumQuantity(), kCount), 5, 1e-9);
-  EXPECT_NEAR(value(populated[1].sumQuantity(), kCount), 15, 1e-9);
+  const auto quarters =
+      collection(kStepCountIdentifier, kSum, utc(2024, 4, 30, 22), kQuarterHour).value();
+  ASSERT_EQ(quarters.statistics().size(), 2u);
+  EXPECT_EQ(quarters.statistics()[0].startDate(), utc(2024, 5, 1, 10));
+  EXPECT_NEAR(value(quarters.statistics()[0].sumQuantity()), 5, 1e-9);
+  EXPECT_NEAR(value(quarters.statistics()[1].sumQuantity()), 15, 1e-9);
 
   // Samples selected by the predicate are still spread over intervals outside its window.
   save({steps(80, utc(2024, 6, 1, 13, 24), utc(2024, 6, 1, 14, 36)),
@@ -127,40 +140,38 @@ TEST_F(StoreStatistics, CumulativeSamplesSplitInProportionToTime) {
         steps(200, utc(2024, 6, 1, 14, 30), utc(2024, 6, 1, 14, 42)),
         steps(120, utc(2024, 6, 1, 14, 55), utc(2024, 6, 1, 15, 7)),
         steps(36, utc(2024, 6, 1, 15, 44), utc(2024, 6, 1, 15, 51))});
-  const Result<StatisticsCollection> hours =
+  const auto hourly =
       collection(kStepCountIdentifier, kSum, utc(2024, 6, 1), DateComponents{.hour = 1},
-                 predicateForSamples(utc(2024, 6, 1, 14), utc(2024, 6, 1, 15), QueryOptions::none));
-  ASSERT_TRUE(hours.ok());
-  const auto hourly = hours.value().statistics();
+                 predicateForSamples(utc(2024, 6, 1, 14), utc(2024, 6, 1, 15), QueryOptions::none))
+          .value()
+          .statistics();
   ASSERT_EQ(hourly.size(), 3u);
-  EXPECT_NEAR(value(hourly[0].sumQuantity(), kCount), 100, 1e-9);
-  EXPECT_NEAR(value(hourly[1].sumQuantity(), kCount), 330, 1e-9);
-  EXPECT_NEAR(value(hourly[2].sumQuantity(), kCount), 70, 1e-9);
+  EXPECT_NEAR(value(hourly[0].sumQuantity()), 100, 1e-9);
+  EXPECT_NEAR(value(hourly[1].sumQuantity()), 330, 1e-9);
+  EXPECT_NEAR(value(hourly[2].sumQuantity()), 70, 1e-9);
 }
 
-TEST_F(StoreStatistics, PhoneAndWatchCountingTheSameWalkCountOnce) {
+TEST_F(StoreStatistics, OverlappingSourcesCountOnceInTheirPriorityOrder) {
   const Date start = utc(2024, 5, 2, 8);
   save({steps(100, start, start + minutes(10), watch()),
         steps(50, start, start + minutes(10), phone()),
         steps(30, start + minutes(10), start + minutes(20), phone())});
   const auto day = [&] {
     return collection(kStepCountIdentifier, kSum | StatisticsOptions::separateBySource,
-                      utc(2024, 5, 1, 22), DateComponents{.day = 1});
+                      utc(2024, 5, 1, 22), kDay)
+        .value()
+        .statistics()
+        .at(0);
   };
-  Result<StatisticsCollection> merged = day();
-  ASSERT_TRUE(merged.ok());
-  ASSERT_EQ(merged.value().statistics().size(), 1u);
-  const kestrova::Statistics walk = merged.value().statistics()[0];
   // The watch wins the overlap; the phone fills the gap.
-  EXPECT_NEAR(value(walk.sumQuantity(), kCount), 130, 1e-9);
-  EXPECT_NEAR(value(walk.sumQuantity(watch().source), kCount), 100, 1e-9);
-  EXPECT_NEAR(value(walk.sumQuantity(phone().source), kCount), 80, 1e-9);
+  const kestrova::Statistics walk = day();
+  EXPECT_NEAR(value(walk.sumQuantity()), 130, 1e-9);
+  EXPECT_NEAR(value(walk.sumQuantity(watch().source)), 100, 1e-9);
+  EXPECT_NEAR(value(walk.sumQuantity(phone().source)), 80, 1e-9);
   EXPECT_EQ(walk.sources().size(), 2u);
-
   // The order is a setting: the phone first counts only the phone.
-  store_->setSourcePriority(quantityType(kStepCountIdentifier), {phone().source.bundleIdentifier});
-  merged = day();
-  EXPECT_NEAR(value(merged.value().statistics()[0].sumQuantity(), kCount), 80, 1e-9);
+  store_->setSourcePriority(quantityType(kStepCountIdentifier), {"com.apple.health.phone"});
+  EXPECT_NEAR(value(day().sumQuantity()), 80, 1e-9);
 
   // By default a watch beats an app, and user-entered data beats both.
   store_->setSourcePriority(quantityType(kStepCountIdentifier), {});
@@ -169,19 +180,13 @@ TEST_F(StoreStatistics, PhoneAndWatchCountingTheSameWalkCountOnce) {
         quantitySample(kStepCountIdentifier, 7, "count", later, later + minutes(10),
                        app("com.apple.Health"), {{"HKWasUserEntered", true}}),
         steps(20, later, later + minutes(10), watch())});
-  std::promise<Result<kestrova::Statistics>> promise;
-  store_->executeQuery(StatisticsQuery::make(
-      quantityType(kStepCountIdentifier),
-      predicateForSamples(later, later + minutes(10), QueryOptions::strictStartDate), kSum,
-      [&](const auto&, Result<kestrova::Statistics> result) {
-        promise.set_value(std::move(result));
-      }));
-  const Result<kestrova::Statistics> entered = wait(promise);
-  ASSERT_TRUE(entered.ok());
-  EXPECT_NEAR(value(entered.value().sumQuantity(), kCount), 7, 1e-9);
+  const auto entered = statistics(
+      kStepCountIdentifier,
+      predicateForSamples(later, later + minutes(10), QueryOptions::strictStartDate), kSum);
+  EXPECT_NEAR(value(entered.value().sumQuantity()), 7, 1e-9);
 }
 
-TEST_F(StoreStatistics, HeartRateAverageMinimumAndMaximumPerQuarterHour) {
+TEST_F(StoreStatistics, DiscreteFiguresAreTimeWeightedPerInterval) {
   save({heartRate(60, utc(2024, 5, 3, 10, 1), utc(2024, 5, 3, 10, 1)),
         heartRate(80, utc(2024, 5, 3, 10, 5), utc(2024, 5, 3, 10, 5)),
         heartRate(100, utc(2024, 5, 3, 10, 14, 59), utc(2024, 5, 3, 10, 14, 59)),
@@ -189,101 +194,77 @@ TEST_F(StoreStatistics, HeartRateAverageMinimumAndMaximumPerQuarterHour) {
         // Time-weighted: ten minutes at 60 and five at 90 average 70, not 75.
         heartRate(60, utc(2024, 5, 3, 10, 30), utc(2024, 5, 3, 10, 40)),
         heartRate(90, utc(2024, 5, 3, 10, 40), utc(2024, 5, 3, 10, 45))});
-  const Result<StatisticsCollection> quarters = collection(
-      kHeartRateIdentifier, kAverageMinMax, utc(2024, 5, 2, 22), DateComponents{.minute = 15});
-  ASSERT_TRUE(quarters.ok());
-  const auto populated = quarters.value().statistics();
+  const StatisticsCollection quarters =
+      collection(kHeartRateIdentifier, kAverageMinMax, utc(2024, 5, 2, 22), kQuarterHour).value();
+  const auto populated = quarters.statistics();
   ASSERT_EQ(populated.size(), 3u);
   const double expected[3][3] = {{80, 60, 100}, {70, 70, 70}, {70, 60, 90}};
   for (std::size_t i = 0; i < populated.size(); ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(populated[i].startDate(), utc(2024, 5, 3, 10, 15 * static_cast<int>(i)));
-    EXPECT_NEAR(value(populated[i].averageQuantity(), kBeatsPerMinute), expected[i][0], 1e-9);
-    EXPECT_NEAR(value(populated[i].minimumQuantity(), kBeatsPerMinute), expected[i][1], 1e-9);
-    EXPECT_NEAR(value(populated[i].maximumQuantity(), kBeatsPerMinute), expected[i][2], 1e-9);
+    EXPECT_NEAR(bpm(populated[i].averageQuantity()), expected[i][0], 1e-9);
+    EXPECT_NEAR(bpm(populated[i].minimumQuantity()), expected[i][1], 1e-9);
+    EXPECT_NEAR(bpm(populated[i].maximumQuantity()), expected[i][2], 1e-9);
     EXPECT_FALSE(populated[i].sumQuantity());
   }
   // Empty intervals exist only when asked for by date.
-  const kestrova::Statistics empty = quarters.value().statistics(utc(2024, 5, 3, 10, 50));
+  const kestrova::Statistics empty = quarters.statistics(utc(2024, 5, 3, 10, 50));
   EXPECT_EQ(empty.startDate(), utc(2024, 5, 3, 10, 45));
   EXPECT_FALSE(empty.averageQuantity());
   int visited = 0;
-  quarters.value().enumerateStatistics(utc(2024, 5, 3, 10), utc(2024, 5, 3, 11),
-                                       [&](const kestrova::Statistics&) {
-                                         ++visited;
-                                         return true;
-                                       });
+  quarters.enumerateStatistics(utc(2024, 5, 3, 10), utc(2024, 5, 3, 11),
+                               [&](const kestrova::Statistics&) { return ++visited > 0; });
   EXPECT_EQ(visited, 5);
 
   // A one-off statistics query spans the matching samples.
-  std::promise<Result<kestrova::Statistics>> promise;
-  store_->executeQuery(StatisticsQuery::make(
-      quantityType(kHeartRateIdentifier),
+  const auto workout = statistics(
+      kHeartRateIdentifier,
       predicateForSamples(utc(2024, 5, 3, 10, 10), utc(2024, 5, 3, 10, 35), QueryOptions::none),
-      kAverageMinMax, [&](const auto&, Result<kestrova::Statistics> result) {
-        promise.set_value(std::move(result));
-      }));
-  const Result<kestrova::Statistics> workout = wait(promise);
-  ASSERT_TRUE(workout.ok());
+      kAverageMinMax);
   EXPECT_EQ(workout.value().startDate(), utc(2024, 5, 3, 10, 14, 59));
   EXPECT_EQ(workout.value().endDate(), utc(2024, 5, 3, 10, 40));
-  EXPECT_NEAR(value(workout.value().maximumQuantity(), kBeatsPerMinute), 100, 1e-9);
-}
+  EXPECT_NEAR(bpm(workout.value().maximumQuantity()), 100, 1e-9);
 
-TEST_F(StoreStatistics, RestingHeartRateWithTheAverageAlone) {
+  // Most recent is the latest-ending sample, whatever unit it was saved in; the average alone
+  // leaves the other figures out.
   save({quantitySample(kRestingHeartRateIdentifier, 55, "count/min", utc(2024, 5, 4, 6),
                        utc(2024, 5, 4, 6)),
         quantitySample(kRestingHeartRateIdentifier, 1, "Hz", utc(2024, 5, 4, 18),
                        utc(2024, 5, 4, 18))});
-  const Result<StatisticsCollection> days =
-      collection(kRestingHeartRateIdentifier, StatisticsOptions::discreteAverage,
-                 utc(2024, 5, 1, 22), DateComponents{.day = 1});
-  ASSERT_TRUE(days.ok());
-  ASSERT_EQ(days.value().statistics().size(), 1u);
-  const kestrova::Statistics day = days.value().statistics()[0];
-  EXPECT_NEAR(value(day.averageQuantity(), kBeatsPerMinute), 57.5, 1e-9);
-  EXPECT_FALSE(day.minimumQuantity());
-  EXPECT_FALSE(day.maximumQuantity());
-  EXPECT_FALSE(day.mostRecentQuantity());
-
-  // Most recent is the latest-ending sample, whatever unit it was saved in.
-  const Result<StatisticsCollection> recent = collection(
-      kRestingHeartRateIdentifier, StatisticsOptions::mostRecent | StatisticsOptions::discreteMax,
-      utc(2024, 5, 1, 22), DateComponents{.day = 1});
-  ASSERT_TRUE(recent.ok());
-  EXPECT_NEAR(value(recent.value().statistics()[0].mostRecentQuantity(), kBeatsPerMinute), 60,
-              1e-9);
-  EXPECT_NEAR(value(recent.value().statistics()[0].maximumQuantity(), kBeatsPerMinute), 60, 1e-9);
+  const auto resting = [&](StatisticsOptions options) {
+    return collection(kRestingHeartRateIdentifier, options, utc(2024, 5, 1, 22), kDay)
+        .value()
+        .statistics()
+        .at(0);
+  };
+  const kestrova::Statistics average = resting(StatisticsOptions::discreteAverage);
+  EXPECT_NEAR(bpm(average.averageQuantity()), 57.5, 1e-9);
+  EXPECT_FALSE(average.minimumQuantity() || average.maximumQuantity() ||
+               average.mostRecentQuantity());
+  const kestrova::Statistics recent =
+      resting(StatisticsOptions::mostRecent | StatisticsOptions::discreteMax);
+  EXPECT_NEAR(bpm(recent.mostRecentQuantity()), 60, 1e-9);
+  EXPECT_NEAR(bpm(recent.maximumQuantity()), 60, 1e-9);
 }
 
-TEST_F(StoreStatistics, OptionsTheTypeDoesNotAllowAreErrors) {
+TEST_F(StoreStatistics, OptionsTheTypeDoesNotAllowAreErrorsAndNoDataSaysSo) {
   save({heartRate(60, utc(2024, 5, 3, 10), utc(2024, 5, 3, 10))});
   const Result<StatisticsCollection> sum =
-      collection(kHeartRateIdentifier, kSum, utc(2024, 5, 1), DateComponents{.day = 1});
-  ASSERT_FALSE(sum.ok());
+      collection(kHeartRateIdentifier, kSum, utc(2024, 5, 1), kDay);
   EXPECT_EQ(sum.error().code, kHealthErrorInvalidArgument);
   EXPECT_EQ(sum.error().description,
             "Statistics option HKStatisticsOptionCumulativeSum is not compatible with discrete "
             "data type HKQuantityTypeIdentifierHeartRate");
-  const Result<StatisticsCollection> average =
-      collection(kStepCountIdentifier, StatisticsOptions::discreteAverage, utc(2024, 5, 1),
-                 DateComponents{.day = 1});
-  ASSERT_FALSE(average.ok());
-  EXPECT_EQ(average.error().description,
-            "Statistics option HKStatisticsOptionDiscreteAverage is not compatible with "
-            "cumulative data type HKQuantityTypeIdentifierStepCount");
-  // Most recent fits both styles; a query without data says so.
-  EXPECT_TRUE(collection(kStepCountIdentifier, StatisticsOptions::mostRecent, utc(2024, 5, 1),
-                         DateComponents{.day = 1})
-                  .ok());
-  std::promise<Result<kestrova::Statistics>> promise;
-  store_->executeQuery(StatisticsQuery::make(quantityType(kStepCountIdentifier), std::nullopt, kSum,
-                                             [&](const auto&, Result<kestrova::Statistics> result) {
-                                               promise.set_value(std::move(result));
-                                             }));
-  const Result<kestrova::Statistics> none = wait(promise);
-  ASSERT_FALSE(none.ok());
-  EXPECT_EQ(none.error().code, kHealthErrorNoData);
+  EXPECT_EQ(
+      collection(kStepCountIdentifier, StatisticsOptions::discreteAverage, utc(2024, 5, 1), kDay)
+          .error()
+          .description,
+      "Statistics option HKStatisticsOptionDiscreteAverage is not compatible with "
+      "cumulative data type HKQuantityTypeIdentifierStepCount");
+  // Most recent fits both styles.
+  EXPECT_TRUE(
+      collection(kStepCountIdentifier, StatisticsOptions::mostRecent, utc(2024, 5, 1), kDay).ok());
+  EXPECT_EQ(statistics(kStepCountIdentifier, std::nullopt, kSum).error().code, kHealthErrorNoData);
 }
 
 }  // namespace

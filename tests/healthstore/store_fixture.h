@@ -63,10 +63,11 @@ class StoreFixture : public ::testing::Test {
   void SetUp() override { store_ = openStore(); }
 
   std::shared_ptr<EmbeddedHealthStore> openStore(std::string_view zone = "Europe/Berlin",
-                                                 std::shared_ptr<Clock> clock = nullptr) {
+                                                 std::shared_ptr<Clock> clock = nullptr,
+                                                 const std::string& file = "health.sqlite") {
     EmbeddedHealthStoreOptions options;
     options.clock = std::move(clock);
-    options.path = dir_.path() / "health.sqlite";
+    options.path = dir_.path() / file;
     options.dispatcher = dispatcher_;
     options.timeZone = makeFixedTimeZoneSource(TimeZone::named(zone).value());
     options.changePollInterval = std::chrono::milliseconds(10);
