@@ -5,7 +5,6 @@
 
 #include <math.h>
 #include <pthread.h>
-#include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,7 +13,6 @@
 #include "kestrova/kestrova.h"
 #include "tests/c_api/server_harness.h"
 
-#define DEADLINE_SECONDS 20.0
 #define LIBRARY_DOMAIN "KestrovaLib.KestrovaHealthKitError"
 #define PROFILE "c-profile"
 
@@ -29,116 +27,98 @@ static int failures = 0;
   } while (0)
 
 /* The host's loop: the executor queues main-queue items, the test's thread runs them while it
- * waits. host_mutex owns the queue; the other fields are the test thread's. */
+ * waits. host_mutex owns the ring and its indexes; the other fields are the test thread's. */
 typedef struct host_item {
   kestrova_work work;
-  void* work_context;
-  struct host_item* next;
+  void* context;
 } host_item;
 
+#define HOST_CAPACITY 4096
 static pthread_mutex_t host_mutex = PTHREAD_MUTEX_INITIALIZER;
-static host_item* host_first = NULL;
-static host_item* host_last = NULL;
+static host_item host_items[HOST_CAPACITY];
+static size_t host_head = 0;
+static size_t host_tail = 0;
 static pthread_t host_thread;
 static bool running_host_item = false;
 static int host_items_run = 0;
 
 static void host_executor(void* user_data, kestrova_work work, void* work_context) {
-  CHECK(user_data == &host_first);
-  host_item* item = malloc(sizeof *item);
-  if (item == NULL) {
-    ++failures;
-    return;
-  }
-  item->work = work;
-  item->work_context = work_context;
-  item->next = NULL;
+  CHECK(user_data == host_items);
   pthread_mutex_lock(&host_mutex);
-  if (host_last == NULL) {
-    host_first = item;
-  } else {
-    host_last->next = item;
-  }
-  host_last = item;
+  CHECK(host_tail - host_head < HOST_CAPACITY);
+  host_items[host_tail++ % HOST_CAPACITY] = (host_item){work, work_context};
   pthread_mutex_unlock(&host_mutex);
 }
 
-/* Runs what the library has queued so far, in order, on the test's thread. */
-static void run_host_items(void) {
+/* One turn of the host's loop: runs what the library has queued so far, in order, then pauses. */
+static void host_turn(void) {
   for (;;) {
     pthread_mutex_lock(&host_mutex);
-    host_item* item = host_first;
-    if (item != NULL) {
-      host_first = item->next;
-      if (host_first == NULL) {
-        host_last = NULL;
-      }
+    const bool any = host_head != host_tail;
+    host_item item = {NULL, NULL};
+    if (any) {
+      item = host_items[host_head++ % HOST_CAPACITY];
     }
     pthread_mutex_unlock(&host_mutex);
-    if (item == NULL) {
-      return;
+    if (!any) {
+      break;
     }
     running_host_item = true;
-    item->work(item->work_context);
+    item.work(item.context);
     running_host_item = false;
     ++host_items_run;
-    free(item);
   }
-}
-
-typedef struct outcome {
-  atomic_int calls;
-  bool success;
-  char domain[128];
-  int code;
-  char description[512];
-} outcome;
-
-static void record(void* user_data, bool success, const kestrova_error* error) {
-  /* Every completion comes through the host's loop. */
-  CHECK(pthread_equal(pthread_self(), host_thread) && running_host_item);
-  outcome* result = user_data;
-  result->success = success;
-  result->domain[0] = '\0';
-  result->description[0] = '\0';
-  result->code = -1;
-  if (error != NULL) {
-    snprintf(result->domain, sizeof result->domain, "%s", error->domain);
-    snprintf(result->description, sizeof result->description, "%s", error->description);
-    result->code = error->code;
-  }
-  atomic_fetch_add(&result->calls, 1);
-}
-
-static double now_seconds(void) {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return (double)now.tv_sec + (double)now.tv_nsec / 1e9;
-}
-
-/* One turn of the host's loop. */
-static void short_wait(void) {
-  run_host_items();
   struct timespec pause = {0, 10 * 1000 * 1000};
   nanosleep(&pause, NULL);
 }
 
-static bool wait_for_call(outcome* result) {
-  double deadline = now_seconds() + DEADLINE_SECONDS;
-  while (atomic_load(&result->calls) == 0 && now_seconds() < deadline) {
-    short_wait();
-  }
-  return atomic_load(&result->calls) == 1;
+/* Turns the host's loop until condition holds, for 20 seconds or more. */
+#define WAIT_UNTIL(condition)                                   \
+  for (int turns_ = 0; !(condition) && turns_ < 2000; ++turns_) \
+  host_turn()
+
+/* Every completion and listener call comes through the host's loop. */
+#define CHECK_ON_HOST_LOOP() CHECK(pthread_equal(pthread_self(), host_thread) && running_host_item)
+
+typedef struct outcome {
+  int calls;
+  bool success;
+  char domain[128];
+  int code;
+} outcome;
+
+static void record(void* user_data, bool success, const kestrova_error* error) {
+  CHECK_ON_HOST_LOOP();
+  outcome* result = user_data;
+  ++result->calls;
+  result->success = success;
+  result->code = error != NULL ? error->code : -1;
+  snprintf(result->domain, sizeof result->domain, "%s", error != NULL ? error->domain : "");
+  CHECK(error == NULL || strlen(error->description) > 0);
 }
 
-static void reset(outcome* result) {
-  memset(result, 0, sizeof *result);
-  atomic_init(&result->calls, 0);
+/* Waits for the one call of a completion. */
+static outcome wait_for(outcome* result) {
+  WAIT_UNTIL(result->calls > 0);
+  CHECK(result->calls == 1);
+  return *result;
 }
 
-/* Every log line is searched for the tokens in use: none may ever show up. */
+static outcome configure(const kestrova_config_values* values) {
+  outcome result = {0};
+  CHECK(kestrova_library_configure(values, record, &result, NULL));
+  return wait_for(&result);
+}
+
+static outcome connect_library(void) {
+  outcome result = {0};
+  kestrova_library_connect(record, &result);
+  return wait_for(&result);
+}
+
+/* Every log line is searched for the token in use: it may never show up. log_mutex owns these. */
 static pthread_mutex_t log_mutex = PTHREAD_MUTEX_INITIALIZER;
-static const char* secrets[2];
+static char* secret;
 static int log_lines = 0;
 static int leaked_lines = 0;
 
@@ -149,19 +129,15 @@ static void collect_log(void* user_data, kestrova_log_level level, const char* c
   CHECK(user_data == &log_lines);
   pthread_mutex_lock(&log_mutex);
   ++log_lines;
-  for (size_t i = 0; i < sizeof secrets / sizeof secrets[0]; ++i) {
-    if (secrets[i] != NULL && strstr(message, secrets[i]) != NULL) {
-      ++leaked_lines;
-    }
-  }
+  leaked_lines += secret != NULL && strstr(message, secret) != NULL;
   pthread_mutex_unlock(&log_mutex);
 }
 
-static void expect_refused(const kestrova_config_values* values, const char* described) {
-  outcome never;
-  reset(&never);
+static void expect_refused(const kestrova_config_values* values, kestrova_completion completion,
+                           const char* described) {
+  outcome never = {0};
   kestrova_error error = {NULL, 0, NULL};
-  CHECK(!kestrova_library_configure(values, record, &never, &error));
+  CHECK(!kestrova_library_configure(values, completion, &never, &error));
   CHECK(error.domain != NULL && strcmp(error.domain, KESTROVA_C_ERROR_DOMAIN) == 0);
   CHECK(error.code == KESTROVA_C_ERROR_INVALID_ARGUMENT);
   CHECK(error.description != NULL && strstr(error.description, described) != NULL);
@@ -169,168 +145,88 @@ static void expect_refused(const kestrova_config_values* values, const char* des
   CHECK(error.domain == NULL && error.description == NULL);
   /* Completions run in order on the main queue: once a later one has arrived, a refused call
    * has had every chance to call its own. */
-  outcome later;
-  reset(&later);
-  kestrova_library_connect(record, &later);
-  CHECK(wait_for_call(&later));
-  CHECK(atomic_load(&never.calls) == 0);
+  CHECK(!connect_library().success);
+  CHECK(never.calls == 0);
 }
 
 static void test_refused_arguments(void) {
   CHECK(kestrova_status_get() == KESTROVA_STATUS_DISCONNECTED);
   CHECK(kestrova_profile_id_copy() == NULL);
   const int out_of_range[] = {3, 25};
-  const int negative[] = {-1};
-  const int valid[] = {3};
   double not_a_date = NAN;
 
   kestrova_config_values values = {.token = "t", .data_types = out_of_range, .data_type_count = 2};
-  expect_refused(&values, "25");
-  values.data_types = negative;
-  values.data_type_count = 1;
-  expect_refused(&values, "-1");
+  expect_refused(&values, record, "25");
   values.data_types = NULL;
-  values.data_type_count = 3;
-  expect_refused(&values, "data_type_count");
-  values.data_types = valid;
-  values.data_type_count = 1;
+  expect_refused(&values, record, "data_type_count");
+  values.data_type_count = 0;
   values.start_date = &not_a_date;
-  expect_refused(&values, "start date");
+  expect_refused(&values, record, "start date");
   values.start_date = NULL;
+  expect_refused(&values, NULL, "completion");
   values.token = NULL;
-  expect_refused(&values, "token");
-  expect_refused(NULL, "values");
-  /* An error_out of NULL is allowed. */
+  expect_refused(&values, record, "token");
+  expect_refused(NULL, record, "values");
+  /* An error_out of NULL is allowed; so are null callbacks, which are logged and dropped. */
   CHECK(!kestrova_library_configure(NULL, record, NULL, NULL));
+  kestrova_library_connect(NULL, NULL);
+  kestrova_sync_state_get(NULL, NULL);
 }
 
 static void test_library_errors_reach_c(void) {
-  outcome result;
-  reset(&result);
   kestrova_config_values values = {.token = "not-a-token", .url = harness_server_url()};
-  CHECK(kestrova_library_configure(&values, record, &result, NULL));
-  CHECK(wait_for_call(&result));
+  outcome result = configure(&values);
   CHECK(!result.success);
   CHECK(strcmp(result.domain, LIBRARY_DOMAIN) == 0);
   CHECK(result.code == KESTROVA_ERROR_INVALID_TOKEN);
-  CHECK(strlen(result.description) > 0);
-
-  /* Well formed, but the back end refuses it: configure passes, connect does not. */
-  char* foreign = harness_foreign_token_for(PROFILE);
-  secrets[1] = foreign;
-  values.token = foreign;
-  reset(&result);
-  CHECK(kestrova_library_configure(&values, record, &result, NULL));
-  CHECK(wait_for_call(&result));
-  CHECK(result.success);
-  reset(&result);
-  kestrova_library_connect(record, &result);
-  CHECK(wait_for_call(&result));
-  CHECK(!result.success);
-  CHECK(strcmp(result.domain, LIBRARY_DOMAIN) == 0);
-  CHECK(result.code == KESTROVA_ERROR_FAILED_TO_VALIDATE_PROFILE);
-  CHECK(kestrova_status_get() != KESTROVA_STATUS_CONNECTED);
-  CHECK(kestrova_profile_id_copy() == NULL);
 }
 
-/* What the delivery listener heard; the test's thread only (it runs the host's loop). */
-typedef struct deliveries {
-  int events;
-  unsigned long long body_points;
-  int body_status;
-} deliveries;
-
+/* What the delivery listener heard of the body family. */
 static void on_delivery(void* user_data, const kestrova_delivery_event* event) {
-  CHECK(pthread_equal(pthread_self(), host_thread) && running_host_item);
-  deliveries* heard = user_data;
-  ++heard->events;
-  if (event->accepted && strcmp(event->family, "body") == 0) {
-    heard->body_points += event->data_points;
-    heard->body_status = event->http_status;
-    CHECK(event->error == NULL);
-    CHECK(!event->set_aside);
+  CHECK_ON_HOST_LOOP();
+  if (strcmp(event->family, "body") == 0) {
+    CHECK(event->accepted && event->http_status == 200 && event->error == NULL);
+    CHECK(!event->set_aside && event->retry_not_before == NULL);
+    *(unsigned long long*)user_data += event->data_points;
   }
 }
-
-typedef struct state_check {
-  int calls;
-  bool matches_cpp;
-  unsigned long long body_points;
-  bool body_delivered;
-  size_t body_pending;
-  size_t family_count;
-} state_check;
 
 static void on_state(void* user_data, const kestrova_sync_state* state) {
-  CHECK(pthread_equal(pthread_self(), host_thread) && running_host_item);
-  state_check* check = user_data;
-  ++check->calls;
-  check->matches_cpp = harness_sync_state_matches(state);
-  check->family_count = state->family_count;
-  for (size_t i = 0; i < state->family_count; ++i) {
-    if (strcmp(state->families[i].family, "body") == 0) {
-      check->body_points = state->families[i].delivered_points;
-      check->body_delivered = state->families[i].last_delivered != NULL;
-      check->body_pending = state->families[i].pending_files;
-    }
-  }
-}
-
-/* The state as C gets it, beside the state C++ got just before: the same. */
-static void check_sync_state(unsigned long long body_points) {
-  harness_request_cpp_sync_state();
-  state_check check = {0};
-  kestrova_sync_state_get(on_state, &check);
-  double deadline = now_seconds() + DEADLINE_SECONDS;
-  while (check.calls == 0 && now_seconds() < deadline) {
-    short_wait();
-  }
-  CHECK(check.calls == 1);
-  CHECK(check.matches_cpp);
-  CHECK(check.family_count == 6);
-  CHECK(check.body_points == body_points);
-  CHECK(check.body_delivered);
-  CHECK(check.body_pending == 0);
+  CHECK_ON_HOST_LOOP();
+  CHECK(state->family_count == 6 && state->rejected_count == 0);
+  const kestrova_family_state* body = &state->families[4];
+  CHECK(strcmp(body->family, "body") == 0 && body->delivered_points == 1);
+  CHECK(body->last_delivered != NULL && body->last_error == NULL);
+  CHECK(body->pending_files == 0 && body->oldest_pending_seconds == -1);
+  ++*(int*)user_data;
 }
 
 static void test_connect_delivers_and_disconnect_forgets(const char* data_directory) {
-  deliveries heard = {0};
-  kestrova_delivery_listener_set(on_delivery, &heard);
+  unsigned long long body_points = 0;
+  kestrova_delivery_listener_set(on_delivery, &body_points);
   double now = (double)time(NULL);
   CHECK(harness_seed_body_mass(data_directory, now - 86400.0));
-  char* token = harness_token_for(PROFILE);
-  secrets[0] = token;
+  pthread_mutex_lock(&log_mutex);
+  secret = harness_token_for(PROFILE);
+  pthread_mutex_unlock(&log_mutex);
   double start = now - 2 * 86400.0;
   kestrova_config_values values = {
-      .token = token, .url = harness_server_url(), .start_date = &start};
-
-  outcome result;
-  reset(&result);
-  CHECK(kestrova_library_configure(&values, record, &result, NULL));
-  CHECK(wait_for_call(&result));
-  CHECK(result.success);
-  reset(&result);
-  kestrova_library_connect(record, &result);
-  CHECK(wait_for_call(&result));
-  CHECK(result.success);
+      .token = secret, .url = harness_server_url(), .start_date = &start};
+  CHECK(configure(&values).success);
+  CHECK(connect_library().success);
   CHECK(kestrova_status_get() == KESTROVA_STATUS_CONNECTED);
   char* profile = kestrova_profile_id_copy();
   CHECK(profile != NULL && strcmp(profile, PROFILE) == 0);
   kestrova_string_free(profile);
   CHECK(kestrova_health_data_can_connect());
 
-  double deadline = now_seconds() + DEADLINE_SECONDS;
-  while (harness_data_point_count(PROFILE) == 0 && now_seconds() < deadline) {
-    short_wait();
-  }
-  CHECK(harness_data_point_count(PROFILE) >= 1);
-  deadline = now_seconds() + DEADLINE_SECONDS;
-  while (heard.body_points == 0 && now_seconds() < deadline) {
-    short_wait();
-  }
-  CHECK(heard.body_points == 1);
-  CHECK(heard.body_status == 200);
-  check_sync_state(heard.body_points);
+  WAIT_UNTIL(body_points > 0 && harness_data_point_count(PROFILE) > 0);
+  CHECK(harness_data_point_count(PROFILE) == 1);
+  CHECK(body_points == 1);
+  int states = 0;
+  kestrova_sync_state_get(on_state, &states);
+  WAIT_UNTIL(states > 0);
+  CHECK(states == 1);
   kestrova_delivery_listener_set(NULL, NULL);
 
   kestrova_library_disconnect();
@@ -345,13 +241,15 @@ int main(void) {
     return 1;
   }
   kestrova_error error = {NULL, 0, NULL};
-  CHECK(kestrova_platform_install(directory, "com.example.c", &error));
+  CHECK(!kestrova_platform_install("/dev/null/kestrova", "com.example.c", &error));
+  CHECK(error.description != NULL && strstr(error.description, "could not be set up") != NULL);
   kestrova_error_clear(&error);
+  CHECK(kestrova_platform_install(directory, "com.example.c", &error));
   host_thread = pthread_self();
   CHECK(!kestrova_main_executor_install(NULL, NULL, &error));
   CHECK(error.code == KESTROVA_C_ERROR_INVALID_ARGUMENT);
   kestrova_error_clear(&error);
-  CHECK(kestrova_main_executor_install(host_executor, &host_first, &error));
+  CHECK(kestrova_main_executor_install(host_executor, host_items, &error));
   kestrova_log_set_level(KESTROVA_LOG_DEBUG);
   kestrova_log_set_callback(collect_log, &log_lines);
 
@@ -361,19 +259,17 @@ int main(void) {
 
   /* Once the library is in use its main queue stays where it is. */
   CHECK(host_items_run > 0);
-  CHECK(!kestrova_main_executor_install(host_executor, &host_first, &error));
+  CHECK(!kestrova_main_executor_install(host_executor, host_items, &error));
   CHECK(error.domain != NULL && strcmp(error.domain, KESTROVA_C_ERROR_DOMAIN) == 0);
   CHECK(error.code == KESTROVA_C_ERROR_TOO_LATE);
   kestrova_error_clear(&error);
 
   kestrova_log_set_callback(NULL, NULL);
   pthread_mutex_lock(&log_mutex);
-  CHECK(log_lines > 0);
-  CHECK(leaked_lines == 0);
+  CHECK(log_lines > 0 && leaked_lines == 0);
   pthread_mutex_unlock(&log_mutex);
   harness_server_stop();
-  free((void*)secrets[0]);
-  free((void*)secrets[1]);
+  free(secret);
 
   char command[128];
   snprintf(command, sizeof command, "rm -rf %s", directory);

@@ -5,19 +5,15 @@
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "healthstore/embedded_health_store.h"
-#include "kestrova/facade.h"
 #include "platform/dispatch.h"
-#include "server/jwt.h"
 #include "server/server.h"
 
 namespace {
 
 constexpr std::string_view kSecret = "c-api-test-secret";
-constexpr std::string_view kForeignSecret = "some-other-secret";
 
 std::unique_ptr<kestrova::server::KestrovaServer>& server() {
   static std::unique_ptr<kestrova::server::KestrovaServer> instance;
@@ -37,69 +33,9 @@ char* copy(const std::string& text) {
   return result;
 }
 
-// The state C++ reported last; written and read on the main queue, the test's thread.
-std::optional<KestrovaSyncState>& cppState() {
-  static std::optional<KestrovaSyncState> state;
-  return state;
-}
-
-double seconds(KestrovaTime time) {
-  return std::chrono::duration<double>(time.time_since_epoch()).count();
-}
-
-bool sameText(const char* c, const std::string& cpp) {
-  return c != nullptr && cpp == c;
-}
-
-bool sameFamily(const kestrova_family_state& c, const KestrovaFamilySyncState& cpp) {
-  const bool sameError =
-      cpp.lastError ? c.last_error != nullptr &&
-                          c.last_error->http_status == cpp.lastError->httpStatus.value_or(0) &&
-                          sameText(c.last_error->domain, cpp.lastError->domain) &&
-                          c.last_error->code == cpp.lastError->code &&
-                          sameText(c.last_error->message, cpp.lastError->message) &&
-                          c.last_error->at == seconds(cpp.lastError->at)
-                    : c.last_error == nullptr;
-  const bool sameDelivered =
-      cpp.lastDelivered
-          ? c.last_delivered != nullptr && *c.last_delivered == seconds(*cpp.lastDelivered)
-          : c.last_delivered == nullptr;
-  return sameText(c.family, cpp.family) && c.pending_files == cpp.pendingFiles &&
-         c.pending_bytes == cpp.pendingBytes &&
-         c.oldest_pending_seconds == (cpp.oldestPendingAge ? cpp.oldestPendingAge->count() : -1) &&
-         sameDelivered && sameError && c.delivered_points == cpp.deliveredPoints;
-}
-
 }  // namespace
 
 extern "C" {
-
-void harness_request_cpp_sync_state(void) {
-  Kestrova::syncState([](const KestrovaSyncState& state) { cppState() = state; });
-}
-
-bool harness_sync_state_matches(const kestrova_sync_state* state) {
-  const auto& cpp = cppState();
-  if (!cpp || state->family_count != cpp->families.size() ||
-      state->rejected_count != cpp->rejected.size()) {
-    return false;
-  }
-  for (std::size_t i = 0; i < state->family_count; ++i) {
-    if (!sameFamily(state->families[i], cpp->families[i])) {
-      return false;
-    }
-  }
-  for (std::size_t i = 0; i < state->rejected_count; ++i) {
-    const auto& c = state->rejected[i];
-    const auto& file = cpp->rejected[i];
-    if (!sameText(c.file, file.file) || !sameText(c.family, file.family) ||
-        c.http_status != file.httpStatus.value_or(0) || c.attempts != file.attempts ||
-        !sameText(c.reason, file.reason) || c.at != seconds(file.at)) {
-      return false;
-    }
-  }
-  return true;
-}
 
 bool harness_server_start(void) {
   kestrova::server::ServerOptions options;
@@ -123,10 +59,6 @@ const char* harness_server_url(void) {
 
 char* harness_token_for(const char* profile) {
   return copy(server()->tokenFor(profile));
-}
-
-char* harness_foreign_token_for(const char* profile) {
-  return copy(kestrova::server::mintToken(kForeignSecret, profile));
 }
 
 size_t harness_data_point_count(const char* profile) {

@@ -6,8 +6,6 @@
 #include <stdbool.h>
 #include <stddef.h>
 
-#include "kestrova/kestrova.h"
-
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -19,17 +17,9 @@ void harness_server_stop(void);
 const char* harness_server_url(void);
 /* A token signed for profile by the server; owned by the caller (free()). */
 char* harness_token_for(const char* profile);
-/* A token the server will refuse: well formed but signed with another secret; owned. */
-char* harness_foreign_token_for(const char* profile);
 size_t harness_data_point_count(const char* profile);
 /* Saves one body mass sample dated seconds_since_1970 into the store of data_directory. */
 bool harness_seed_body_mass(const char* data_directory, double seconds_since_1970);
-
-/* Asks the C++ facade for its sync state; it arrives on the main queue, before the answer of a
- * kestrova_sync_state_get() made after this call. */
-void harness_request_cpp_sync_state(void);
-/* Whether state says what the C++ state that arrived last says, field by field. */
-bool harness_sync_state_matches(const kestrova_sync_state* state);
 
 #ifdef __cplusplus
 }
