@@ -169,9 +169,6 @@ TEST_F(StatisticsStoreTest, AnUnchangedHeartRateFigureIsNotNewAgain) {
   auto samples = newHeartRates(statistics);
   ASSERT_EQ(samples.size(), 1u);
   EXPECT_TRUE(samples[0].hasNewData);
-  // Uploaded at the time it was stored: equal times still count as new.
-  statistics.markUploaded(samples, test_.clock->now());
-  EXPECT_EQ(newHeartRates(statistics).size(), 1u);
   test_.clock->advance(seconds(1));
   statistics.markUploaded(samples, test_.clock->now());
 
@@ -251,8 +248,26 @@ TEST_F(StatisticsStoreTest, DeleteBeforeKeepsTheWholeCutOffDayAndDeleteAllLeaves
   EXPECT_EQ(newSummaries(statistics).size(), 1u);
   EXPECT_TRUE(log_->contains("Deleted stored statistics before"));
 
+  // Delete-all takes rows of every kind and a map of the former layout.
+  statistics.storeHeartRateStatistics(
+      {heartRate(kHeartRateIdentifier, nine_, nine_ + minutes(15), 70, 60, 80)});
+  statistics.storeDailySummaryStatistics(
+      {heartRate(kHeartRateIdentifier, utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), 70, 60, 80)});
+  test_.platform->defaults->setObject("distance-cycling-samples", toBytes("{}"));
+  EXPECT_EQ(defaults.keys(),
+            (std::vector<std::string>{
+                "distance-cycling-samples",
+                "heart-rate-samples/2024-03-01T09:00:00.000",
+                "statistics-new/daily-detail/2024-03-01T08:00:00.000/step-count-samples",
+                "statistics-new/daily-summary/2024-03-01/summary-HKQuantityTypeIdentifierHeartRate",
+                "statistics-new/daily-summary/2024-03-01/summary-HKQuantityTypeIdentifierStepCount",
+                "statistics-new/heart-rate/2024-03-01T09:00:00.000/heart-rate-samples",
+                "step-count-samples/2024-03-01T08:00:00.000",
+                "summary-HKQuantityTypeIdentifierHeartRate/2024-03-01",
+                "summary-HKQuantityTypeIdentifierStepCount/2024-03-01",
+            }));
   statistics.deleteAll();
-  EXPECT_EQ(defaults.keys(), std::vector<std::string>{}) << "rows left after delete-all";
+  EXPECT_EQ(defaults.keys(), std::vector<std::string>{});
   EXPECT_TRUE(log_->contains("Deleted all stored statistics"));
 }
 
