@@ -11,6 +11,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/dispatch.h"
@@ -48,22 +49,34 @@ TEST(ActivityTest, EveryHandOverKeepsTheProcessBusyUntilTheLastStepIsDone) {
   // Armed, a timer that finishes work counts until it fires or is cancelled, and its handler
   // counts as queue work; one that only watches never counts.
   Gate gate;
-  std::atomic<bool> fired{false};
+  std::atomic<bool> firedOnQueue{false};
   auto timer = clock->makeTimer(queue, [&, wait = gate.waiter()] {
-    fired = true;
+    firedOnQueue = queue->isCurrent();
     wait();
   });
   timer->schedule(50ms);
   EXPECT_FALSE(activity::idle());
-  ASSERT_TRUE(testing::eventually([&] { return fired.load(); }, 10s));
+  ASSERT_TRUE(testing::eventually([&] { return firedOnQueue.load(); }, 10s));
   EXPECT_FALSE(activity::idle());
+  // Timers destroyed or re-armed before they come due, or cancelled or destroyed when their
+  // handler waits behind the busy queue, never run that handler.
+  std::atomic<int> stale{0};
+  std::vector<std::unique_ptr<Timer>> timers;
+  for (int i = 0; i < 4; ++i) {
+    timers.push_back(clock->makeTimer(queue, [&] { ++stale; }));
+    timers.back()->schedule(1ms);
+  }
+  timers[0].reset();
+  timers[1]->schedule(1h);  // moved, still one arming
+  ASSERT_TRUE(
+      testing::eventually([&] { return !timers[2]->isArmed() && !timers[3]->isArmed(); }, 10s));
+  EXPECT_TRUE(timers[1]->isArmed());
+  timers[2]->cancel();
+  timers[3].reset();
   gate.open.set_value();
+  timers[1]->cancel();
   EXPECT_TRUE(becomesIdle());
-  timer->schedule(1h);
-  timer->schedule(2h);  // moved, still one arming
-  EXPECT_FALSE(activity::idle());
-  timer->cancel();
-  EXPECT_TRUE(activity::idle());
+  EXPECT_EQ(stale.load(), 0);
   auto watching = clock->makeTimer(
       queue, [] {}, TimerPurpose::watches);
   watching->schedule(1h);

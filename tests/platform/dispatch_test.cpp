@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -14,6 +13,7 @@
 
 #include "platform/clock.h"
 #include "platform/dispatch_group.h"
+#include "platform/stepped.h"
 #include "support/child_process.h"
 #include "support/test_support.h"
 
@@ -25,13 +25,6 @@ using namespace std::chrono_literals;
 // Long enough never to trip on a loaded CI machine; the waits normally end in milliseconds.
 constexpr auto kGenerous = 10s;
 
-DispatcherOptions withThreads(int threads, std::optional<MainExecutor> mainExecutor = {}) {
-  DispatcherOptions options;
-  options.threads = threads;
-  options.mainExecutor = std::move(mainExecutor);
-  return options;
-}
-
 // Blocks until `queue` has run everything submitted to it before this call.
 void drain(DispatchQueue& queue) {
   std::promise<void> done;
@@ -40,7 +33,7 @@ void drain(DispatchQueue& queue) {
 }
 
 TEST(DispatchTest, SerialQueueRunsInOrderOneAtATimeUnderConcurrentSubmitters) {
-  auto dispatcher = makeDispatcher(withThreads(4));
+  auto dispatcher = makeDispatcher(DispatcherOptions{4, std::nullopt});
   auto queue = dispatcher->makeSerialQueue("serial", QualityOfService::utility);
   auto other = dispatcher->makeSerialQueue("other", QualityOfService::utility);
   constexpr int kSubmitters = 8;
@@ -76,7 +69,7 @@ TEST(DispatchTest, SerialQueueRunsInOrderOneAtATimeUnderConcurrentSubmitters) {
 
 TEST(DispatchTest, SyncRunsInlineFromItsOwnQueueAndExceptionsAreLogged) {
   auto log = testing::CapturedLog::install();
-  auto dispatcher = makeDispatcher(withThreads(2));
+  auto dispatcher = makeDispatcher(DispatcherOptions{2, std::nullopt});
   auto a = dispatcher->makeSerialQueue("a", QualityOfService::standard);
   auto b = dispatcher->makeSerialQueue("b", QualityOfService::standard);
 
@@ -108,14 +101,15 @@ TEST(DispatchTest, SyncRunsInlineFromItsOwnQueueAndExceptionsAreLogged) {
   // Shared queues are one per label and dispatcher: work never goes to a dispatcher that is gone.
   auto write = dispatcher->sharedSerialQueue("w", QualityOfService::utility);
   EXPECT_EQ(dispatcher->sharedSerialQueue("w", QualityOfService::background), write);
-  EXPECT_NE(makeDispatcher(withThreads(1))->sharedSerialQueue("w", QualityOfService::utility),
+  EXPECT_NE(makeDispatcher(DispatcherOptions{1, std::nullopt})
+                ->sharedSerialQueue("w", QualityOfService::utility),
             write);
 }
 
 TEST(DispatchTest, MainQueueOnTheHostExecutorRunsOnlyWhenTheHostRunsIt) {
-  std::deque<std::function<void()>> host;  // the host's loop; only this thread touches it
-  auto onHost = makeDispatcher(
-      withThreads(2, [&](std::function<void()> work) { host.push_back(std::move(work)); }));
+  testing::SteppedQueue host;  // the host's loop, run by this thread
+  auto onHost =
+      makeDispatcher({2, [&](std::function<void()> work) { host.async(std::move(work)); }});
   auto main = onHost->mainQueue();
   std::vector<int> order;
   bool current = false;
@@ -126,11 +120,7 @@ TEST(DispatchTest, MainQueueOnTheHostExecutorRunsOnlyWhenTheHostRunsIt) {
   });
   main->async([&] { order.push_back(3); });
   EXPECT_TRUE(order.empty());
-  while (!host.empty()) {
-    auto work = std::move(host.front());
-    host.pop_front();
-    work();
-  }
+  host.runAll();
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
   EXPECT_TRUE(current);
   EXPECT_FALSE(main->isCurrent());
@@ -138,7 +128,7 @@ TEST(DispatchTest, MainQueueOnTheHostExecutorRunsOnlyWhenTheHostRunsIt) {
 
 TEST(DispatchTest, DestroyingTheDispatcherRunsQueuedWorkThenDropsNewWork) {
   auto log = testing::CapturedLog::install();
-  auto dispatcher = makeDispatcher(withThreads(2));
+  auto dispatcher = makeDispatcher(DispatcherOptions{2, std::nullopt});
   auto queue = dispatcher->makeSerialQueue("draining", QualityOfService::utility);
   auto main = dispatcher->mainQueue();
   std::promise<void> gate;
@@ -166,7 +156,7 @@ TEST(DispatchTest, DestroyingTheDispatcherRunsQueuedWorkThenDropsNewWork) {
   log->uninstall();
 
   // Destroyed from its own work: the joining is handed off instead of waiting for itself.
-  auto self = makeDispatcher(withThreads(1));
+  auto self = makeDispatcher(DispatcherOptions{1, std::nullopt});
   auto selfQueue = self->makeSerialQueue("self", QualityOfService::utility);
   std::promise<bool> released;
   selfQueue->async([&, owned = std::move(self)]() mutable {
@@ -181,7 +171,7 @@ TEST(DispatchTest, DestroyingTheDispatcherRunsQueuedWorkThenDropsNewWork) {
 
 TEST(DispatchGroupTest, NotifyAndWaitFollowTheCount) {
   auto log = testing::CapturedLog::install();
-  auto dispatcher = makeDispatcher(withThreads(2));
+  auto dispatcher = makeDispatcher(DispatcherOptions{2, std::nullopt});
   auto queue = dispatcher->makeSerialQueue("group", QualityOfService::utility);
   DispatchGroup group;
   std::atomic<int> notified{0};
@@ -215,59 +205,6 @@ TEST(DispatchGroupTest, NotifyAndWaitFollowTheCount) {
   EXPECT_EQ(notified.load(), 2);
   // An unbounded wait on an empty group must not overflow its deadline.
   EXPECT_TRUE(group.wait(std::chrono::nanoseconds::max()));
-}
-
-// The system clock's timers, with real delays of a few milliseconds. Sentinel timers on the same
-// serial queue prove that something did not fire: handlers reach the queue in deadline order.
-TEST(SystemClockTest, TimersFireOnceInDeadlineOrderAndNeverOnceCancelledOrDestroyed) {
-  auto dispatcher = makeDispatcher(withThreads(2));
-  auto queue = dispatcher->makeSerialQueue("timers", QualityOfService::utility);
-  auto clock = makeSystemClock();
-  std::mutex mutex;  // owns fired
-  std::vector<std::string> fired;
-  const auto record = [&](std::string name) {
-    return [&, name] {
-      std::lock_guard lock(mutex);
-      fired.push_back(name + (queue->isCurrent() ? "" : " off the queue"));
-    };
-  };
-  const auto firedNow = [&] {
-    std::lock_guard lock(mutex);
-    return fired;
-  };
-
-  auto once = clock->makeTimer(queue, record("once"));
-  once->schedule(2ms, 1ms);
-  auto moved = clock->makeTimer(queue, record("moved"));
-  moved->schedule(5ms);
-  moved->schedule(40ms);
-  auto cancelled = clock->makeTimer(queue, record("cancelled"));
-  cancelled->schedule(2ms);
-  cancelled->cancel();
-  auto destroyed = clock->makeTimer(queue, record("destroyed"));
-  destroyed->schedule(2ms);
-  destroyed.reset();
-  auto sentinel = clock->makeTimer(queue, record("sentinel"));
-  sentinel->schedule(20ms);
-  ASSERT_TRUE(testing::eventually([&] { return firedNow().size() >= 3; }, kGenerous));
-  EXPECT_EQ(firedNow(), (std::vector<std::string>{"once", "sentinel", "moved"}));
-  EXPECT_FALSE(once->isArmed());
-
-  // Destroyed or cancelled while its firing waits behind busy work on the queue: the handler
-  // is dropped.
-  std::promise<void> gate;
-  queue->async([opened = gate.get_future().share()] { opened.wait(); });
-  auto late = clock->makeTimer(queue, record("late"));
-  auto cancelledLate = clock->makeTimer(queue, record("cancelled late"));
-  late->schedule(1ms);
-  cancelledLate->schedule(1ms);
-  ASSERT_TRUE(testing::eventually([&] { return !late->isArmed() && !cancelledLate->isArmed(); },
-                                  kGenerous));
-  late.reset();
-  cancelledLate->cancel();
-  gate.set_value();
-  drain(*queue);
-  EXPECT_EQ(firedNow().size(), 3u);
 }
 
 }  // namespace

@@ -205,9 +205,10 @@ std::shared_ptr<URLSession> session(std::chrono::milliseconds timeout = 10s, int
 }
 
 TEST(URLSessionExchange, RequestAndAnswerCrossTheWireAsTheyAre) {
-  // An interim answer first, a folded field, a field twice.
+  // An interim answer with a field of its own first, a folded field, a field twice.
   RawServer server(
-      "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 201 Created\r\nContent-Length: 2\r\nX-A: 1\r\n"
+      "HTTP/1.1 100 Continue\r\nX-Interim: 1\r\n\r\nHTTP/1.1 201 Created\r\nContent-Length: "
+      "2\r\nX-A: 1\r\n"
       "X-B: one\r\n two\r\nX-A: 2\r\n\r\nok");
   auto urlSession = session();
   URLRequest request;
