@@ -18,12 +18,6 @@ using testing::utc;
 
 class FileServerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    test_ = testing::makeTestPlatform(dir_.path());
-    log_ = testing::CapturedLog::install();
-    queue_ = test_.platform->dispatcher->makeSerialQueue("test.write", QualityOfService::utility);
-    server_ = std::make_unique<FileServer>(test_.platform->files, queue_);
-  }
   void TearDown() override {
     log_->uninstall();
     installPlatform(nullptr);
@@ -32,16 +26,16 @@ class FileServerTest : public ::testing::Test {
   std::optional<FileNameComponents> writeAndWait(const std::string& data,
                                                  const FileNameComponents& components, bool bulk) {
     std::promise<std::optional<FileNameComponents>> done;
-    server_->write(toBytes(data), components, bulk,
-                   [&](std::optional<FileNameComponents> result) { done.set_value(result); });
+    server_.write(toBytes(data), components, bulk,
+                  [&](std::optional<FileNameComponents> result) { done.set_value(result); });
     return done.get_future().get();
   }
 
   testing::TempDir dir_;
-  testing::TestPlatform test_;
-  std::shared_ptr<testing::CapturedLog> log_;
-  std::shared_ptr<DispatchQueue> queue_;
-  std::unique_ptr<FileServer> server_;
+  testing::TestPlatform test_ = testing::makeTestPlatform(dir_.path());
+  std::shared_ptr<testing::CapturedLog> log_ = testing::CapturedLog::install();
+  FileServer server_{test_.platform->files, test_.platform->dispatcher->makeSerialQueue(
+                                                "test.write", QualityOfService::utility)};
 };
 
 TEST(FileNameComponents, OurNamesParseAndForeignOnesDoNot) {
@@ -61,8 +55,8 @@ TEST_F(FileServerTest, WritesReadsListsAndDeletes) {
   ASSERT_EQ(writeAndWait("[2,3]", a, true), a);
   // Bulk and single uploads with the same name are distinct files.
   ASSERT_EQ(writeAndWait("{\"single\":true}", a, false), a);
-  EXPECT_EQ(server_->read(a, false), toBytes("{\"single\":true}"));
-  EXPECT_EQ(server_->read(a, true), toBytes("[2,3]"));
+  EXPECT_EQ(server_.read(a, false), toBytes("{\"single\":true}"));
+  EXPECT_EQ(server_.read(a, true), toBytes("[2,3]"));
   EXPECT_TRUE(log_->contains("Data written to file: "));
   EXPECT_TRUE(log_->contains("Data loaded from file: "));
 
@@ -70,27 +64,27 @@ TEST_F(FileServerTest, WritesReadsListsAndDeletes) {
   const auto bulk = dir_.path() / "Kestrova" / "UploadBulk";
   std::ofstream(bulk / "notes.txt") << "keep me";
   std::ofstream(bulk / ".2024-03-01T00:00:00.000---x---p1.Ab12") << "[1, 2, ";
-  EXPECT_EQ(server_->list(true), std::vector<FileNameComponents>{a});
-  server_->remove(a, true);
-  EXPECT_TRUE(server_->list(true).empty());
+  EXPECT_EQ(server_.list(true), std::vector<FileNameComponents>{a});
+  server_.remove(a, true);
+  EXPECT_TRUE(server_.list(true).empty());
   EXPECT_TRUE(log_->contains("Deleted file "));
-  EXPECT_EQ(server_->list(false), std::vector<FileNameComponents>{a});
+  EXPECT_EQ(server_.list(false), std::vector<FileNameComponents>{a});
   EXPECT_TRUE(fs::exists(bulk / "notes.txt"));
 
   // Deleting or reading what is gone is logged, not fatal; so is a file that is not JSON,
   // which is deleted (any JSON value is accepted, not only arrays).
-  server_->remove(a, true);
+  server_.remove(a, true);
   EXPECT_TRUE(log_->contains("Cannot delete file, error: "));
-  EXPECT_FALSE(server_->read(a, true));
+  EXPECT_FALSE(server_.read(a, true));
   EXPECT_TRUE(log_->contains("Trying to create a file handle for reading fails with error: "));
   for (const std::string bad : {"plain text", "[1, 2", ""}) {
     ASSERT_TRUE(writeAndWait(bad, a, true));
-    EXPECT_FALSE(server_->read(a, true)) << bad;
-    EXPECT_TRUE(server_->list(true).empty()) << bad;
+    EXPECT_FALSE(server_.read(a, true)) << bad;
+    EXPECT_TRUE(server_.list(true).empty()) << bad;
   }
   EXPECT_TRUE(log_->contains("Non-json data found, file will be removed: "));
   ASSERT_TRUE(writeAndWait("42", a, true));
-  EXPECT_EQ(server_->read(a, true), toBytes("42"));
+  EXPECT_EQ(server_.read(a, true), toBytes("42"));
 
   // A file where the upload directory should be makes every write fail.
   fs::remove_all(bulk);
@@ -105,7 +99,7 @@ TEST_F(FileServerTest, BatchNamesNeverRepeatAndNoWriteReplacesAPendingFile) {
   const auto later = utc(2024, 3, 1, 8, 0, 0, 2);
   std::set<std::string> names;
   for (const auto time : {now, now, later, now, later}) {
-    const auto components = server_->makeBatchComponents("body-", "p1", time);
+    const auto components = server_.makeBatchComponents("body-", "p1", time);
     EXPECT_EQ(components.timestamp, time);
     EXPECT_EQ(components.sampleId.rfind("body-" + timestampString(time), 0), 0u);
     names.insert(components.fileName());
@@ -120,8 +114,8 @@ TEST_F(FileServerTest, BatchNamesNeverRepeatAndNoWriteReplacesAPendingFile) {
   ASSERT_TRUE(moved);
   EXPECT_NE(moved->fileName(), taken.fileName());
   EXPECT_EQ(moved->profileId, "p1");
-  EXPECT_EQ(server_->read(taken, true), toBytes("[1]"));
-  EXPECT_EQ(server_->read(*moved, true), toBytes("[2]"));
+  EXPECT_EQ(server_.read(taken, true), toBytes("[1]"));
+  EXPECT_EQ(server_.read(*moved, true), toBytes("[2]"));
 }
 
 TEST_F(FileServerTest, RefusedFilesAreSetAsideWithTheirRecordAndGoBackWhereTheyCameFrom) {
@@ -129,20 +123,20 @@ TEST_F(FileServerTest, RefusedFilesAreSetAsideWithTheirRecordAndGoBackWhereTheyC
   const FileNameComponents single{"sample-1", "p1", utc(2024, 3, 2)};
   ASSERT_TRUE(writeAndWait("[1,2,3]", batch, true));
   ASSERT_TRUE(writeAndWait("{\"one\":1}", single, false));
-  ASSERT_TRUE(server_->setAside(RejectedFile{batch, true, 400, 5, "{}", utc(2024, 3, 3)}));
+  ASSERT_TRUE(server_.setAside(RejectedFile{batch, true, 400, 5, "{}", utc(2024, 3, 3)}));
   const RejectedFile singleRecord{single, false, 422, 7, "bad point", utc(2024, 3, 4)};
-  ASSERT_TRUE(server_->setAside(singleRecord));
-  EXPECT_TRUE(server_->list(true).empty());
-  EXPECT_TRUE(server_->list(false).empty());
+  ASSERT_TRUE(server_.setAside(singleRecord));
+  EXPECT_TRUE(server_.list(true).empty());
+  EXPECT_TRUE(server_.list(false).empty());
   EXPECT_TRUE(log_->contains("was refused 5 times and is set aside"));
 
   // A file whose record a crash lost is still listed, as the bulk file every batch is.
   const FileNameComponents orphan{"body-9", "p1", utc(2024, 3, 5)};
   std::ofstream(dir_.path() / "Kestrova" / "Rejected" / orphan.fileName()) << "[9]";
   // A file that is no longer there cannot be set aside, and leaves no record behind.
-  EXPECT_FALSE(server_->setAside(RejectedFile{FileNameComponents{"body-0", "p1", utc(2024, 1, 1)},
-                                              true, 400, 5, "", utc(2024, 1, 1)}));
-  const auto listed = server_->listRejected();
+  EXPECT_FALSE(server_.setAside(RejectedFile{FileNameComponents{"body-0", "p1", utc(2024, 1, 1)},
+                                             true, 400, 5, "", utc(2024, 1, 1)}));
+  const auto listed = server_.listRejected();
   ASSERT_EQ(listed.size(), 3u);
   EXPECT_EQ(listed[1].components, single);
   EXPECT_FALSE(listed[1].bulk);
@@ -155,14 +149,14 @@ TEST_F(FileServerTest, RefusedFilesAreSetAsideWithTheirRecordAndGoBackWhereTheyC
   EXPECT_TRUE(listed[2].bulk);
   EXPECT_EQ(listed[2].attempts, 0);
 
-  EXPECT_EQ(server_->restoreRejected().size(), 3u);
+  EXPECT_EQ(server_.restoreRejected().size(), 3u);
   std::set<std::string> bulkNames;
-  for (const auto& file : server_->list(true)) {
+  for (const auto& file : server_.list(true)) {
     bulkNames.insert(file.fileName());
   }
   EXPECT_EQ(bulkNames, (std::set<std::string>{batch.fileName(), orphan.fileName()}));
-  EXPECT_EQ(server_->list(false), std::vector<FileNameComponents>{single});
-  EXPECT_EQ(server_->read(batch, true), toBytes("[1,2,3]"));
+  EXPECT_EQ(server_.list(false), std::vector<FileNameComponents>{single});
+  EXPECT_EQ(server_.read(batch, true), toBytes("[1,2,3]"));
   EXPECT_TRUE(
       test_.platform->files->listDirectory(dir_.path() / "Kestrova" / "Rejected").value().empty());
 }
