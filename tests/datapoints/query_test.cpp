@@ -3,10 +3,14 @@
 // one completion per delivery, and failed queries leave their sample out.
 #include <gtest/gtest.h>
 
+#include <atomic>
+
+#include "datapoints/datapoint_test_support.h"
 #include "datapoints/electrocardiogram.h"
+#include "datapoints/query_runner.h"
 #include "datapoints/sleep.h"
-#include "datapoints/store_support.h"
 #include "datapoints/workout.h"
+#include "healthstore/store_fixture.h"
 
 namespace kestrova::testing {
 namespace {
@@ -20,7 +24,46 @@ constexpr std::string_view kSleep = "HKCategoryTypeIdentifierSleepAnalysis";
 const std::string kWatch = "com.apple.health.watch";
 const std::string kPhone = "com.apple.health.phone";
 
-using DataPointQueries = StoreTest;
+// A runner that executes on the fixture's store and counts finished queries.
+class DataPointQueries : public StoreFixture {
+ protected:
+  QueryRunner runner() {
+    std::weak_ptr<EmbeddedHealthStore> store = store_;
+    return QueryRunner{[store, this](std::shared_ptr<Query> query) {
+                         ++executed_;
+                         if (auto strong = store.lock()) {
+                           strong->executeQuery(std::move(query));
+                         }
+                       },
+                       [this](const std::shared_ptr<Query>&) { ++finished_; }};
+  }
+
+  // Starts the collection with a completion that fulfils a promise, and waits for it. None when
+  // no completion came in time; a second completion fails the test.
+  template <class Start>
+  std::optional<std::vector<nlohmann::json>> collect(Start start) {
+    auto promise = std::make_shared<std::promise<std::vector<nlohmann::json>>>();
+    auto calls = std::make_shared<std::atomic<int>>(0);
+    start(runner(), queue_, [promise, calls, queue = queue_](std::vector<nlohmann::json> points) {
+      EXPECT_TRUE(queue->isCurrent());
+      if (calls->fetch_add(1) == 0) {
+        promise->set_value(std::move(points));
+      } else {
+        ADD_FAILURE() << "completion called more than once";
+      }
+    });
+    auto future = promise->get_future();
+    if (future.wait_for(kWait) != std::future_status::ready) {
+      return std::nullopt;
+    }
+    return future.get();
+  }
+
+  std::shared_ptr<DispatchQueue> queue_ =
+      dispatcher_->makeSerialQueue("test.datapoints.completion", QualityOfService::standard);
+  std::atomic<int> executed_{0};
+  std::atomic<int> finished_{0};
+};
 
 TEST_F(DataPointQueries, EachWorkoutGetsItsOwnHeartRatesAndSteps) {
   // Berlin is UTC+2 in May.
@@ -86,10 +129,10 @@ TEST_F(DataPointQueries, EmptyDeliveriesCompleteOnceWithNothing) {
 }
 
 // One night with two overlapping episodes.
-class SleepQueries : public StoreTest {
+class SleepQueries : public DataPointQueries {
  protected:
   void SetUp() override {
-    StoreTest::SetUp();
+    DataPointQueries::SetUp();
     const auto sample = [](int id, int value, int day, int hour, int minute, int endDay,
                            int endHour, int endMinute, const std::string& source) {
       return category(kSleep, value,

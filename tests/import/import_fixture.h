@@ -1,25 +1,19 @@
-// A store on a real file in a temporary directory and an importer writing into it, with helpers
-// that read samples back through the store's queries and write export files. Each fixture owns
-// its store; query results are handed over through futures.
+// The store fixture with an importer writing into its store, helpers that read samples back
+// through the store's queries, and real export files and files written here.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "healthstore/embedded_health_store.h"
 #include "healthstore/import/apple_health_importer.h"
-#include "support/test_support.h"
+#include "healthstore/store_fixture.h"
 
 namespace kestrova::testing {
-
-inline constexpr std::chrono::seconds kQueryWait{10};
 
 inline std::string fixturePath(std::string_view relative) {
   return std::string(KESTROVA_APPLE_HEALTH_DATA) + "/" + std::string(relative);
@@ -36,18 +30,8 @@ inline void writeText(const std::filesystem::path& path, std::string_view text) 
   out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
-class ImportFixture : public ::testing::Test {
+class ImportFixture : public StoreFixture {
  protected:
-  void SetUp() override {
-    EmbeddedHealthStoreOptions options;
-    options.path = dir_.path() / "healthstore.sqlite";
-    options.dispatcher = dispatcher_;
-    options.timeZone = makeFixedTimeZoneSource(TimeZone::named("Europe/Berlin").value());
-    auto store = EmbeddedHealthStore::open(std::move(options));
-    ASSERT_TRUE(store.ok()) << store.error().text();
-    store_ = store.value();
-  }
-
   ImportSummary import(const std::filesystem::path& path, ImportOptions options = {}) {
     AppleHealthImporter importer(store_, std::move(options));
     ImportSummary summary = importer.importExport(path);
@@ -57,27 +41,9 @@ class ImportFixture : public ::testing::Test {
     return summary;
   }
 
-  std::vector<SamplePtr> samples(std::string_view identifier) {
-    std::promise<Result<std::vector<SamplePtr>>> promise;
-    store_->executeQuery(
-        SampleQuery::make(ObjectType::fromIdentifier(identifier).value(), std::nullopt, 0,
-                          {SortDescriptor{SortKey::startDate, true}},
-                          [&](const auto&, Result<std::vector<SamplePtr>> results) {
-                            promise.set_value(std::move(results));
-                          }));
-    std::future<Result<std::vector<SamplePtr>>> future = promise.get_future();
-    if (future.wait_for(kQueryWait) != std::future_status::ready) {
-      ADD_FAILURE() << "no query result";
-      std::abort();
-    }
-    Result<std::vector<SamplePtr>> results = future.get();
-    EXPECT_TRUE(results.ok()) << results.error().text();
-    return results.ok() ? results.value() : std::vector<SamplePtr>{};
-  }
-
   // A second connection to the store's file, for what the platform's queries do not read.
   SampleDatabase database() {
-    Result<SampleDatabase> opened = SampleDatabase::open(dir_.path() / "healthstore.sqlite");
+    Result<SampleDatabase> opened = SampleDatabase::open(dir_.path() / "health.sqlite");
     if (!opened) {
       ADD_FAILURE() << opened.error().text();
       std::abort();
@@ -85,10 +51,14 @@ class ImportFixture : public ::testing::Test {
     return std::move(opened).value();
   }
 
+  // The samples of the type, oldest first.
   template <class T>
   std::vector<std::shared_ptr<const T>> samplesOf(std::string_view identifier) {
+    const Result<std::vector<SamplePtr>> found =
+        samples(ObjectType::fromIdentifier(identifier).value(), std::nullopt, 0,
+                {SortDescriptor{SortKey::startDate, true}});
     std::vector<std::shared_ptr<const T>> typed;
-    for (const SamplePtr& sample : samples(identifier)) {
+    for (const SamplePtr& sample : found.value()) {
       typed.push_back(std::dynamic_pointer_cast<const T>(sample));
     }
     return typed;
@@ -104,10 +74,6 @@ class ImportFixture : public ::testing::Test {
     }
     return typed[0];
   }
-
-  TempDir dir_;
-  std::shared_ptr<Dispatcher> dispatcher_ = makeDispatcher(DispatcherOptions{2, std::nullopt});
-  std::shared_ptr<EmbeddedHealthStore> store_;
 };
 
 inline double valueIn(const QuantitySample& sample, std::string_view unit) {

@@ -356,7 +356,7 @@ TEST_F(ImporterTest, TruncatedFileKeepsCommittedChunksAndCompletesOnTheNextRun) 
   EXPECT_EQ(broken.added, static_cast<std::uint64_t>(kCut));
   EXPECT_NE(summaryText(broken).find("stopped at line 7504"), std::string::npos)
       << summaryText(broken);
-  EXPECT_EQ(samples(kStepCount).size(), static_cast<std::size_t>(kCut));
+  EXPECT_EQ(samplesOf<Sample>(kStepCount).size(), static_cast<std::size_t>(kCut));
 
   writeText(path, whole);
   const ImportSummary completed = import(path, options);
@@ -459,7 +459,7 @@ TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
           done.set_value();
         }
       }));
-  ASSERT_EQ(done.get_future().wait_for(kQueryWait), std::future_status::ready);
+  ASSERT_EQ(done.get_future().wait_for(kWait), std::future_status::ready);
   ASSERT_EQ(trace.size(), 15409u);
   EXPECT_NEAR(trace[1], -99.1e-6, 1e-12);  // "-99,1"
 
