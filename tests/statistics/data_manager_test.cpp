@@ -7,12 +7,12 @@
 #include <deque>
 #include <functional>
 #include <future>
-#include <thread>
 
 #include "api/api.h"
 #include "api/request_builder.h"
 #include "storage/profile_store.h"
 #include "storage/token_store.h"
+#include "support/child_process.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -31,51 +31,46 @@ struct Answer {
 };
 
 // Records every request and completes it with the next scripted answer (200 when the script is
-// empty): at once, or on release() while held. Its mutex owns the requests, the script and the
-// held answers.
+// empty): at once, or with 200 on release() while held. Its mutex owns the requests, the
+// script and the held answers.
 class ScriptedSession : public URLSession {
  public:
-  class Task : public URLSessionDataTask {
-   public:
-    explicit Task(std::function<void()> run) : run_(std::move(run)) {}
-    void resume() override { run_(); }
+  struct Task : URLSessionDataTask {
+    std::function<void()> run;
+    void resume() override { run(); }
     void cancel() override {}
-
-   private:
-    std::function<void()> run_;
   };
 
   std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request,
                                                DataTaskCompletion completion) override {
-    return std::make_shared<Task>([this, request = std::move(request), completion] {
+    auto task = std::make_shared<Task>();
+    task->run = [this, request = std::move(request), completion] {
+      std::unique_lock lock(mutex_);
+      requests_.push_back(request);
+      const HTTPURLResponse ok{request.url, 200, {}};
+      if (hold_) {
+        held_.push_back([ok, completion] { completion(Bytes{}, ok, std::nullopt); });
+        return;
+      }
       Answer answer{200};
-      {
-        std::lock_guard lock(mutex_);
-        if (hold_) {
-          held_.push_back([request, completion] {
-            completion(Bytes{}, HTTPURLResponse{request.url, 200, {}}, std::nullopt);
-          });
-          requests_.push_back(request);
-          return;
-        }
-        requests_.push_back(request);
-        if (!script_.empty()) {
-          answer = script_.front();
-          script_.pop_front();
-        }
+      if (!script_.empty()) {
+        answer = script_.front();
+        script_.pop_front();
+      }
+      lock.unlock();
+      HTTPHeaders headers;
+      if (answer.retryAfter) {
+        headers.emplace_back("Retry-After", *answer.retryAfter);
       }
       if (answer.transportError) {
         completion(std::nullopt, std::nullopt, Error{"NSURLErrorDomain", -1004, "refused"});
       } else if (!answer.status) {
         completion(std::nullopt, std::nullopt, std::nullopt);
       } else {
-        HTTPHeaders headers;
-        if (answer.retryAfter) {
-          headers.emplace_back("Retry-After", *answer.retryAfter);
-        }
         completion(Bytes{}, HTTPURLResponse{request.url, *answer.status, headers}, std::nullopt);
       }
-    });
+    };
+    return task;
   }
   void invalidateAndCancel() override {}
 
@@ -91,14 +86,12 @@ class ScriptedSession : public URLSession {
     std::lock_guard lock(mutex_);
     hold_ = true;
   }
-  // Answers the held requests with 200 and answers the next ones at once.
+  // Answers the held requests and the next ones at once.
   void release() {
-    std::vector<std::function<void()>> held;
-    {
-      std::lock_guard lock(mutex_);
-      hold_ = false;
-      held.swap(held_);
-    }
+    std::unique_lock lock(mutex_);
+    hold_ = false;
+    auto held = std::exchange(held_, {});
+    lock.unlock();
     for (const auto& answer : held) {
       answer();
     }
@@ -185,19 +178,15 @@ class DataManagerTest : public ::testing::Test {
   void settle() {
     do {
       queue()->sync([] {});
-      waitUntil([&] { return api_->apiQueue()->operationCount() == 0; });
+      testing::eventually([&] { return api_->apiQueue()->operationCount() == 0; }, seconds(20));
       queue()->sync([] {});
     } while (api_->apiQueue()->operationCount() != 0);
   }
-  // For what happens on other threads after the last queue this test can wait on, such as a
-  // finished operation being released by its queue.
-  static void waitUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + seconds(20);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::yield();
-    }
-  }
   std::size_t sent() const { return session_->requests().size(); }
+  void storeBeats(int count, Date from, double average = 70) {
+    manager_->storeHeartRateStatistics(heartRates(from, count, average),
+                                       DataManager::currentEpoch());
+  }
 
   testing::TempDir dir_;
   testing::TestPlatform test_;
@@ -210,8 +199,7 @@ class DataManagerTest : public ::testing::Test {
 
 TEST_F(DataManagerTest, BatchesOneSecondApartUploadOnceThreeSecondsAfterTheLast) {
   for (int batch = 0; batch < 3; ++batch) {
-    manager_->storeHeartRateStatistics(heartRates(nine_ + minutes(15 * batch), 1),
-                                       DataManager::currentEpoch());
+    storeBeats(1, nine_ + minutes(15 * batch));
     advance(seconds(1));
   }
   advance(milliseconds(1999));
@@ -234,7 +222,7 @@ TEST_F(DataManagerTest, BatchesOneSecondApartUploadOnceThreeSecondsAfterTheLast)
   EXPECT_TRUE(log_->contains("Heart rate samples for profile p1 has been uploaded successfully"));
 
   // Uploaded and unchanged: later ticks send nothing.
-  manager_->storeHeartRateStatistics(heartRates(nine_, 3), DataManager::currentEpoch());
+  storeBeats(3, nine_);
   advance(seconds(3));
   EXPECT_EQ(sent(), 1u);
 }
@@ -252,10 +240,7 @@ TEST_F(DataManagerTest, EachFamilyArmsOnlyItsOwnTimer) {
                                               DataManager::currentEpoch());
        },
        "ks-daily-detail"},
-      {[&] {
-         manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
-       },
-       "ks-heart-rate-sample"},
+      {[&] { storeBeats(1, nine_); }, "ks-heart-rate-sample"},
   };
   for (const auto& [store, schema] : families) {
     const auto before = sent();
@@ -286,14 +271,14 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
     queue()->sync(
         [&] { StatisticsStore(test_.platform->defaults, test_.clock, std::nullopt).deleteAll(); });
     manager_ = make(utc(2024, 1, 1));
-    manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+    storeBeats(1, nine_);
     session_->script({c.answer});
     const auto before = sent();
     advance(seconds(3));
     ASSERT_EQ(sent(), before + 1) << c.name;
 
     // The next tick, armed by an unchanged batch, resends only what was not marked.
-    manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+    storeBeats(1, nine_);
     advance(seconds(3));
     EXPECT_EQ(sent(), before + (c.marked ? 1 : 2)) << c.name;
   }
@@ -303,13 +288,13 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
 }
 
 TEST_F(DataManagerTest, AFamilyIsNotSentAgainBeforeItsRetryAfterEnds) {
-  manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+  storeBeats(1, nine_);
   session_->script({{503, false, "10"}});
   advance(seconds(3));
   ASSERT_EQ(sent(), 1u);
   // The next batch arms the tick 3 s on, but the pause runs 10 s from the answer; another
   // family is not held back.
-  manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+  storeBeats(1, nine_);
   manager_->storeDailySummaryStatistics(steps(nine_, nine_ + minutes(10), 5),
                                         DataManager::currentEpoch());
   advance(seconds(3));
@@ -322,15 +307,14 @@ TEST_F(DataManagerTest, AFamilyIsNotSentAgainBeforeItsRetryAfterEnds) {
 }
 
 TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
-  const auto count = static_cast<int>(DataManager::kMaximumDataPointsPerRequest) + 1;
-  manager_->storeHeartRateStatistics(heartRates(nine_, count), DataManager::currentEpoch());
+  storeBeats(5001, nine_);
   session_->script({{200}, {503}});
   advance(seconds(3));
   ASSERT_EQ(sent(), 2u);
-  EXPECT_EQ(body(session_->requests()[0]).size(), DataManager::kMaximumDataPointsPerRequest);
+  EXPECT_EQ(body(session_->requests()[0]).size(), 5000u);
   EXPECT_EQ(body(session_->requests()[1]).size(), 1u);
 
-  manager_->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+  storeBeats(1, nine_);
   advance(seconds(3));
   ASSERT_EQ(sent(), 3u);
   const auto resent = body(session_->requests()[2]);
@@ -340,14 +324,14 @@ TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
 
 TEST_F(DataManagerTest, ATickWaitsForThePreviousAnswerAndAFigureGrownMeanwhileStaysNew) {
   session_->hold();
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
+  storeBeats(2, nine_);
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
-  waitUntil([&] { return sent() == 1; });
+  testing::eventually([&] { return sent() == 1; }, seconds(20));
   ASSERT_EQ(sent(), 1u);
   // While the first request is unanswered the first figure changes and its tick comes.
   test_.clock->advance(seconds(1));
-  manager_->storeHeartRateStatistics(heartRates(nine_, 1, 75), DataManager::currentEpoch());
+  storeBeats(1, nine_, 75);
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
   queue()->sync([] {});
@@ -357,7 +341,7 @@ TEST_F(DataManagerTest, ATickWaitsForThePreviousAnswerAndAFigureGrownMeanwhileSt
   // The tick ends when its last request is released, which the operation queue may do after
   // the count reaches zero.
   session_->release();
-  waitUntil([&] { return sent() == 2; });
+  testing::eventually([&] { return sent() == 2; }, seconds(20));
   settle();
   ASSERT_EQ(sent(), 2u);
   const auto resent = body(session_->requests()[1]);
@@ -365,24 +349,35 @@ TEST_F(DataManagerTest, ATickWaitsForThePreviousAnswerAndAFigureGrownMeanwhileSt
   EXPECT_EQ(resent[0]["body"]["avg"], 75);
 }
 
-TEST_F(DataManagerTest, NothingIsSentWithoutAProfileOrAfterTheManagerIsGone) {
+TEST_F(DataManagerTest, NothingIsSentWithoutAProfileAfterTheManagerIsGoneOrForAnEndedConnection) {
   ProfileStore(test_.platform->defaults).remove();
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
+  storeBeats(2, nine_);
   advance(seconds(3));
   EXPECT_EQ(sent(), 0u);
 
   ProfileStore(test_.platform->defaults).store(Profile{"p1"});
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
+  storeBeats(2, nine_);
   manager_.reset();
   advance(seconds(3));
   EXPECT_EQ(sent(), 0u);
   // Work already queued does not depend on the manager: the figures were recorded and are
   // still new for the next manager.
-  auto next = make(utc(2024, 1, 1));
-  next->storeHeartRateStatistics(heartRates(nine_, 1), DataManager::currentEpoch());
+  manager_ = make(utc(2024, 1, 1));
+  storeBeats(1, nine_);
   advance(seconds(3));
   ASSERT_EQ(sent(), 1u);
   EXPECT_EQ(body(session_->requests()[0]).size(), 2u);
+
+  // A pass started before a disconnect delivers after it: nothing of it may come back.
+  const auto ended = DataManager::currentEpoch();
+  manager_->deleteAllStoredStatistics();
+  manager_->storeHeartRateStatistics(heartRates(nine_, 2), ended);
+  std::promise<bool> current;
+  manager_->afterRecorded(ended, [&](bool isCurrent) { current.set_value(isCurrent); });
+  EXPECT_FALSE(current.get_future().get());
+  advance(seconds(3));
+  EXPECT_EQ(sent(), 1u);
+  EXPECT_TRUE(test_.platform->defaults->keys("heart-rate-samples").empty());
 }
 
 TEST_F(DataManagerTest, ConstructionSweepsLeftoverFilesPrunesOldStatisticsAndSendsTheRest) {
@@ -421,23 +416,6 @@ TEST_F(DataManagerTest, ConstructionSweepsLeftoverFilesPrunesOldStatisticsAndSen
   manager_->deleteAllStoredStatistics();
   settle();
   EXPECT_TRUE(test_.platform->defaults->keys("step-count-samples").empty());
-}
-
-TEST_F(DataManagerTest, ResultsOfAConnectionThatEndedAreDropped) {
-  // A pass started before a disconnect delivers after it: nothing of it may come back.
-  const auto before = DataManager::currentEpoch();
-  manager_->deleteAllStoredStatistics();
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2), before);
-  std::promise<bool> current;
-  manager_->afterRecorded(before, [&](bool isCurrent) { current.set_value(isCurrent); });
-  EXPECT_FALSE(current.get_future().get());
-  advance(seconds(3));
-  EXPECT_EQ(sent(), 0u);
-  EXPECT_TRUE(test_.platform->defaults->keys("heart-rate-samples").empty());
-
-  manager_->storeHeartRateStatistics(heartRates(nine_, 2), DataManager::currentEpoch());
-  advance(seconds(3));
-  EXPECT_EQ(sent(), 1u);
 }
 
 }  // namespace
