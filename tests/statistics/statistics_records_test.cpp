@@ -100,14 +100,5 @@ TEST_F(StatisticsRecordsTest, SummarySchemaDependsOnHeartRatesAndCreationOnTheCl
   EXPECT_EQ(later, golden("daily_summary.json"));
 }
 
-TEST_F(StatisticsRecordsTest, StoredDatesCountSecondsFrom2001) {
-  EXPECT_EQ(referenceSeconds(utc(2001, 1, 1)), 0.0);
-  EXPECT_EQ(referenceSeconds(utc(2001, 1, 2, 0, 0, 0, 500)), 86400.5);
-  EXPECT_EQ(referenceSeconds(utc(2000, 12, 31, 23, 59)), -60.0);
-  for (auto date : {utc(2024, 2, 29, 23, 59, 59, 999), utc(1999, 5, 5, 5, 5, 5, 5)}) {
-    EXPECT_EQ(dateFromReferenceSeconds(referenceSeconds(date)), date);
-  }
-}
-
 }  // namespace
 }  // namespace kestrova
