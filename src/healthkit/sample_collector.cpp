@@ -149,13 +149,16 @@ void SampleCollector::observe(const Route& route) {
   }
   auto predicate =
       predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
+  // A wake-up still on its way when the observers stop must not fetch for the next
+  // generation: its anchor, stored after the disconnect deleted the anchors, would make the
+  // next connection skip every sample before it.
   execute(
       ObserverQuery::make(route.type, std::move(predicate),
-                          [weak = weak_from_this(), route](
+                          [weak = weak_from_this(), route, generation = currentGeneration()](
                               const std::shared_ptr<ObserverQuery>&, const std::vector<ObjectType>&,
                               ObserverCompletionHandler completion, const std::optional<Error>&) {
                             if (auto self = weak.lock()) {
-                              self->fetchNewSamples(route.family, route.type);
+                              self->fetchOf(generation, route.family, route.type);
                             }
                             // Acknowledged before the fetch has delivered: the fetch runs on its
                             // own.
@@ -184,18 +187,18 @@ void SampleCollector::observeStatistics(const ObjectType& type) {
   }
   auto predicate =
       predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
-  execute(ObserverQuery::make(type, std::move(predicate),
-                              [weak = weak_from_this(), type](const std::shared_ptr<ObserverQuery>&,
-                                                              const std::vector<ObjectType>&,
-                                                              ObserverCompletionHandler completion,
-                                                              const std::optional<Error>&) {
-                                // Only the changed type is recomputed: a pass over every type per
-                                // wake-up would multiply the work by the number of observers.
-                                if (auto self = weak.lock()) {
-                                  self->environment_.statistics({type});
-                                }
-                                completion();
-                              }));
+  execute(
+      ObserverQuery::make(type, std::move(predicate),
+                          [weak = weak_from_this(), type, generation = currentGeneration()](
+                              const std::shared_ptr<ObserverQuery>&, const std::vector<ObjectType>&,
+                              ObserverCompletionHandler completion, const std::optional<Error>&) {
+                            // Only the changed type is recomputed: a pass over every type per
+                            // wake-up would multiply the work by the number of observers.
+                            if (auto self = weak.lock(); self && self->isCurrent(generation)) {
+                              self->environment_.statistics({type});
+                            }
+                            completion();
+                          }));
 }
 
 void SampleCollector::enableBackgroundDelivery() {
@@ -217,20 +220,26 @@ void SampleCollector::enableBackgroundDelivery() {
 }
 
 void SampleCollector::fetchNewSamples(SampleFamily family, const ObjectType& type) {
+  fetchOf(currentGeneration(), family, type);
+}
+
+void SampleCollector::fetchOf(std::uint64_t generation, SampleFamily family,
+                              const ObjectType& type) {
   auto settings = settingsFor(type);
   if (!settings) {
     return;
   }
-  std::uint64_t generation = 0;
   {
     std::lock_guard lock(mutex_);
+    if (generation != generation_) {
+      return;
+    }
     auto& state = fetches_[std::string(type.identifier())];
     if (state.running) {
       state.again = true;
       return;
     }
     state.running = true;
-    generation = generation_;
   }
   auto predicate =
       predicateForSamples(settings->startDate, std::nullopt, QueryOptions::strictStartDate);
@@ -264,6 +273,11 @@ void SampleCollector::fetchNewSamples(SampleFamily family, const ObjectType& typ
       }));
 }
 
+std::uint64_t SampleCollector::currentGeneration() const {
+  std::lock_guard lock(mutex_);
+  return generation_;
+}
+
 bool SampleCollector::isCurrent(std::uint64_t generation) const {
   std::lock_guard lock(mutex_);
   return generation == generation_;
@@ -295,7 +309,7 @@ void SampleCollector::fetchEnded(SampleFamily family, const ObjectType& type,
       return;
     }
   }
-  fetchNewSamples(family, type);
+  fetchOf(generation, family, type);
 }
 
 std::vector<SamplePtr> SampleCollector::checkResults(const Query& query,

@@ -110,6 +110,7 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
                bool more);
   void writeBatches(SampleFamily family, const Settings& settings, DataPoints points,
                     std::function<void()> settled);
+  std::uint64_t currentGeneration() const;
   bool isCurrent(std::uint64_t generation) const;
   // Stores the anchor unless the fetch belongs to an earlier connection.
   void settle(const ObjectType& type, std::optional<QueryAnchor> newAnchor,
@@ -117,6 +118,9 @@ class SampleCollector : public std::enable_shared_from_this<SampleCollector> {
   // Ends the fetch of `type`, and runs the next one when a wake-up waited for it or `more`
   // samples wait behind a full page.
   void fetchEnded(SampleFamily family, const ObjectType& type, std::uint64_t generation, bool more);
+  // fetchNewSamples for a wake-up or a next page of `generation`: nothing once that connection
+  // has ended.
+  void fetchOf(std::uint64_t generation, SampleFamily family, const ObjectType& type);
 
   const Environment environment_;
   mutable std::mutex mutex_;  // owns the fields below
