@@ -106,17 +106,18 @@ class ScriptedStore : public testing::ForwardingHealthStore {
         }));
   }
 
-  // Whether `count` deliveries were handled, or `count` results are held, within the wait.
+  // Whether `count` deliveries were handled within the wait.
   bool delivered(std::size_t count) const {
     return testing::eventually([&] { return delivered_ >= count; }, kWait);
   }
-  bool held(std::size_t count) {
-    return testing::eventually(
-        [&] {
-          std::lock_guard lock(mutex_);
-          return held_.size() >= count;
-        },
-        kWait);
+  // The results held once there are `count` or the wait is over.
+  std::size_t held(std::size_t count) {
+    const auto size = [&] {
+      std::lock_guard lock(mutex_);
+      return held_.size();
+    };
+    testing::eventually([&] { return size() >= count; }, kWait);
+    return size();
   }
   void releaseOne() {
     std::unique_lock lock(mutex_);
@@ -124,10 +125,6 @@ class ScriptedStore : public testing::ForwardingHealthStore {
     held_.erase(held_.begin());
     lock.unlock();
     deliver();
-  }
-  std::size_t heldCount() {
-    std::lock_guard lock(mutex_);
-    return held_.size();
   }
 
   std::atomic<bool> failing = false;
@@ -301,10 +298,9 @@ TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept
 
   // The first fetch and the observer's first delivery meet: one fetch, and one more after it.
   body->startObserving();
-  ASSERT_TRUE(scripted_->held(1));
+  ASSERT_EQ(scripted_->held(1), 1u);
   scripted_->releaseOne();
-  ASSERT_TRUE(scripted_->held(1));
-  EXPECT_EQ(scripted_->heldCount(), 1u);
+  ASSERT_EQ(scripted_->held(1), 1u);
   scripted_->releaseOne();
   ASSERT_TRUE(scripted_->delivered(2));
   EXPECT_EQ(files().size(), 1u) << "the same samples written twice";
@@ -316,7 +312,7 @@ TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept
   weigh(1);
   body->fetchNewSamples(SampleFamily::bodyMeasurements,
                         ObjectType::quantityType(kBodyMass).value());
-  ASSERT_TRUE(scripted_->held(1));
+  ASSERT_EQ(scripted_->held(1), 1u);
   body->stopObserving();
   scripted_->releaseOne();
   EXPECT_EQ(files().size(), 1u);
