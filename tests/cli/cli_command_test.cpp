@@ -37,19 +37,6 @@ constexpr std::string_view kLaterExport = R"(<?xml version="1.0" encoding="UTF-8
 </HealthData>
 )";
 
-// Step counts only: everything they give is a statistics upload, sent without a file.
-constexpr std::string_view kStepsExport = R"(<?xml version="1.0" encoding="UTF-8"?>
-<HealthData locale="en_US">
- <ExportDate value="2024-06-02 10:00:00 +0000"/>
- <Record type="HKQuantityTypeIdentifierStepCount" sourceName="Phone" unit="count"
-  creationDate="2024-06-01 08:15:00 +0000" startDate="2024-06-01 08:00:00 +0000"
-  endDate="2024-06-01 08:10:00 +0000" value="420"/>
- <Record type="HKQuantityTypeIdentifierStepCount" sourceName="Phone" unit="count"
-  creationDate="2024-06-01 09:15:00 +0000" startDate="2024-06-01 09:00:00 +0000"
-  endDate="2024-06-01 09:10:00 +0000" value="380"/>
-</HealthData>
-)";
-
 bool eventually(const std::function<bool()>& condition) {
   return testing::eventually(condition, kDeadline);
 }
@@ -241,9 +228,11 @@ TEST_F(CliTest, SyncDeliversAnImportAndTheReportingCommandsAgree) {
 }
 
 TEST_F(CliTest, FailedStatisticsUploadsMakeSyncIncompleteAndTheNextSyncSendsThem) {
-  import("steps.xml", kStepsExport);
+  import();
+  // Heart rate alone is uploaded as statistics, without a file.
+  const auto heartRateSync = syncArguments() + " --types heartRate";
   failIngests(503);
-  const CommandRun failed = kestrova(syncArguments(), token());
+  const CommandRun failed = kestrova(heartRateSync, token());
   EXPECT_EQ(failed.exitCode, 6) << failed.err;
   EXPECT_NE(failed.err.find("statistics uploads failed"), std::string::npos) << failed.err;
   EXPECT_FALSE(failed.json()["complete"].get<bool>());
@@ -251,10 +240,11 @@ TEST_F(CliTest, FailedStatisticsUploadsMakeSyncIncompleteAndTheNextSyncSendsThem
   EXPECT_TRUE(schemasReceived().empty());
 
   server_->setFaults({});
-  const CommandRun recovered = kestrova(syncArguments(), token());
+  const CommandRun recovered = kestrova(heartRateSync, token());
   ASSERT_EQ(recovered.exitCode, 0) << recovered.err;
   EXPECT_TRUE(recovered.json()["complete"].get<bool>());
-  EXPECT_TRUE(schemasReceived().contains("ks:ks-daily-detail"));
+  EXPECT_EQ(schemasReceived(),
+            (std::set<std::string>{"ks:daily-summary-with-heart-rate", "ks:ks-heart-rate-sample"}));
 }
 
 TEST_F(CliTest, BadTokensArgumentsAndAnUnreachableBackEndFailClearlyWithoutAborting) {
