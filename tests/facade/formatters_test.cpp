@@ -28,25 +28,5 @@ TEST(TimestampFormatter, RendersAndParsesGmtWhateverTheDeviceZone) {
   }
 }
 
-TEST(DayFormatter, UsesItsZone) {
-  const DayFormatter berlin(*TimeZone::named("Europe/Berlin"));
-  const DayFormatter newYork(*TimeZone::named("America/New_York"));
-  const auto lateEvening = utc(2021, 6, 30, 23, 30);  // 1 July in Berlin, 30 June in New York
-  EXPECT_EQ(berlin.string(lateEvening), "2021-07-01");
-  EXPECT_EQ(newYork.string(lateEvening), "2021-06-30");
-}
-
-TEST(DataPointDateFormatter, WallClockTimeOfTheSampleZoneWithoutOffset) {
-  const DataPointDateFormatter formatter(*TimeZone::named("Europe/Berlin"));
-  const auto instant = utc(2021, 7, 1, 6, 0, 0, 125);
-  EXPECT_EQ(formatter.string(instant), "2021-07-01T08:00:00.125");
-  EXPECT_EQ(formatter.string(instant, "America/Los_Angeles"), "2021-06-30T23:00:00.125");
-  EXPECT_EQ(formatter.string(instant, "Asia/Kolkata"), "2021-07-01T11:30:00.125");
-  // Unknown zones fall back to the device zone, also the second time (from the cache).
-  EXPECT_EQ(formatter.string(instant, "Not/AZone"), "2021-07-01T08:00:00.125");
-  EXPECT_EQ(formatter.string(instant, "Not/AZone"), "2021-07-01T08:00:00.125");
-  EXPECT_EQ(formatter.string(instant, "America/Los_Angeles"), "2021-06-30T23:00:00.125");
-}
-
 }  // namespace
 }  // namespace kestrova

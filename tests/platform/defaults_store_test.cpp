@@ -98,20 +98,6 @@ TEST(SqliteDefaultsStore, KeepsEachValueWithItsTypeAcrossReopening) {
   }
 }
 
-TEST(SqliteDefaultsStore, ListsKeysByExactBytewisePrefixInOrder) {
-  TempDir dir;
-  auto store = openStore(dir.path() / "defaults.sqlite");
-  ASSERT_TRUE(store);
-  // "_" and "%" are LIKE wildcards and LIKE ignores ASCII case; neither may leak in.
-  for (const char* key : {"stat.b", "stat.a", "stat", "stax", "Stat.c", "stat_x", "st%t.y", "a"}) {
-    store->setObject(key, std::int64_t{1});
-  }
-  EXPECT_EQ(store->keys("stat."), (std::vector<std::string>{"stat.a", "stat.b"}));
-  EXPECT_EQ(store->keys("st%"), (std::vector<std::string>{"st%t.y"}));
-  EXPECT_EQ(store->keys(), (std::vector<std::string>{"Stat.c", "a", "st%t.y", "stat", "stat.a",
-                                                     "stat.b", "stat_x", "stax"}));
-}
-
 TEST(SqliteDefaultsStore, ConcurrentWritersLoseNothing) {
   TempDir dir;
   auto store = openStore(dir.path() / "defaults.sqlite");

@@ -13,7 +13,6 @@
 
 #include "platform/clock.h"
 #include "platform/dispatch_group.h"
-#include "platform/stepped.h"
 #include "support/child_process.h"
 #include "support/test_support.h"
 
@@ -104,26 +103,6 @@ TEST(DispatchTest, SyncRunsInlineFromItsOwnQueueAndExceptionsAreLogged) {
   EXPECT_NE(makeDispatcher(DispatcherOptions{1, std::nullopt})
                 ->sharedSerialQueue("w", QualityOfService::utility),
             write);
-}
-
-TEST(DispatchTest, MainQueueOnTheHostExecutorRunsOnlyWhenTheHostRunsIt) {
-  testing::SteppedQueue host;  // the host's loop, run by this thread
-  auto onHost =
-      makeDispatcher({2, [&](std::function<void()> work) { host.async(std::move(work)); }});
-  auto main = onHost->mainQueue();
-  std::vector<int> order;
-  bool current = false;
-  main->async([&] {
-    order.push_back(1);
-    current = main->isCurrent();
-    main->sync([&] { order.push_back(2); });
-  });
-  main->async([&] { order.push_back(3); });
-  EXPECT_TRUE(order.empty());
-  host.runAll();
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-  EXPECT_TRUE(current);
-  EXPECT_FALSE(main->isCurrent());
 }
 
 TEST(DispatchTest, DestroyingTheDispatcherRunsQueuedWorkThenDropsNewWork) {

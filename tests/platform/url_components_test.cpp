@@ -108,23 +108,6 @@ TEST(URLComponentsQueryItems, EncodeDelimitersAndSplitAtTheFirstEqualsSign) {
                 {"a", "b=c"}, {"", std::nullopt}, {"d", std::nullopt}, {"e", ""}, {"x=y", "1&2"}}));
 }
 
-TEST(PathComponents, AppendLikeTheFileSystemPathOperation) {
-  const std::vector<std::array<std::string, 3>> cases = {
-      {"/api/", "v1.3/ingest/bulk/", "/api/v1.3/ingest/bulk"},
-      {"/api", "v1.3/ingest/bulk/", "/api/v1.3/ingest/bulk"},
-      {"/api/v1.3/ingest/bulk", "", "/api/v1.3/ingest/bulk"},
-      {"/api//", "//x//y//", "/api/x/y"},
-      {"", "v1.3/profile/", "v1.3/profile"},
-      {"", "", ""},
-      {"/", "", "/"},
-      {"/", "a", "/a"},
-      {"a", "b", "a/b"},
-  };
-  for (const auto& [path, component, expected] : cases) {
-    EXPECT_EQ(appendingPathComponent(path, component), expected) << path << " + " << component;
-  }
-}
-
 TEST(PercentEncoding, EachSetKeepsItsOwnDelimitersAndEscapesTheRest) {
   // Unreserved characters and sub-delimiters pass everywhere; ":@/?" as each component allows.
   const std::string text = ":@/? #%\xc3\xa9!$-._~";

@@ -83,29 +83,6 @@ class FailingSecureStore : public SecureStore {
   OSStatus remove(std::string_view, std::string_view) override { return writeStatus; }
 };
 
-TEST(TokenStore, KeepsOneItemPerProfileAndStoresNothingForARejectedToken) {
-  testing::TempDir dir;
-  auto test = testing::makeTestPlatform(dir.path());
-  auto log = testing::CapturedLog::install();
-  TokenStore store(test.platform->secureStore, test.platform->applicationIdentifier);
-  EXPECT_EQ(store.tokenForProfile("p1").value(), std::nullopt);  // nothing stored, nothing logged
-  const auto first = makeToken(R"({"id":"p1","n":1})");
-  const auto second = makeToken(R"({"id":"p1","n":2})");
-  EXPECT_EQ(store.takeToken(first), "p1");
-  EXPECT_EQ(store.takeToken(second), "p1");
-  EXPECT_EQ(store.tokenForProfile("p1").value(), second);
-  EXPECT_TRUE(log->lines().empty());
-  EXPECT_FALSE(store.takeToken(makeToken(R"({"id":"p/2"})")));
-  EXPECT_EQ(store.tokenForProfile("p/2").value(), std::nullopt);
-  // A token never shows in the log, and another application's tokens are apart from ours.
-  logInfo("test", "configured with %@", {second});
-  EXPECT_EQ(log->lines().back().message, "configured with <redacted>");
-  EXPECT_EQ(TokenStore(test.platform->secureStore, "org.other").tokenForProfile("p1").value(),
-            std::nullopt);
-  log->uninstall();
-  installPlatform(nullptr);
-}
-
 TEST(TokenStore, SecureStoreFailuresAreLoggedWithTheirStatusText) {
   auto log = testing::CapturedLog::install();
   auto keychain = std::make_shared<FailingSecureStore>();
