@@ -71,8 +71,8 @@ TEST(SampleFamilies, FilePrefixes) {
 }
 
 // The embedded store behind anchored queries that it can hold until released, fail, or run
-// without the collector's page limit; it counts the deliveries the collector has handled. Its
-// mutex owns the held results.
+// without the collector's page limit; it counts the deliveries the collector has handled and
+// keeps the observer queries. Its mutex owns the held results and the observers.
 class ScriptedStore : public testing::ForwardingHealthStore {
  public:
   using ForwardingHealthStore::ForwardingHealthStore;
@@ -80,9 +80,14 @@ class ScriptedStore : public testing::ForwardingHealthStore {
   void executeQuery(std::shared_ptr<Query> query) override {
     auto anchored = std::dynamic_pointer_cast<AnchoredObjectQuery>(query);
     if (!anchored) {
+      if (auto observer = std::dynamic_pointer_cast<ObserverQuery>(query)) {
+        std::lock_guard lock(mutex_);
+        observers_.push_back(observer);
+      }
       store()->executeQuery(std::move(query));
       return;
     }
+    ++started;
     if (failing) {
       anchored->resultsHandler()(anchored, Error{"HKErrorDomain", 5, "not authorised"});
       ++delivered_;
@@ -127,6 +132,13 @@ class ScriptedStore : public testing::ForwardingHealthStore {
     deliver();
   }
 
+  // Every observer query started so far.
+  std::vector<std::shared_ptr<ObserverQuery>> observers() {
+    std::lock_guard lock(mutex_);
+    return observers_;
+  }
+
+  std::atomic<std::size_t> started = 0;  // anchored queries asked for
   std::atomic<bool> failing = false;
   std::atomic<bool> unlimited = false;
   std::atomic<bool> holding = false;
@@ -135,6 +147,7 @@ class ScriptedStore : public testing::ForwardingHealthStore {
   std::atomic<std::size_t> delivered_ = 0;
   std::mutex mutex_;
   std::vector<std::function<void()>> held_;
+  std::vector<std::shared_ptr<ObserverQuery>> observers_;
 };
 
 class CollectorTest : public ::testing::Test {
@@ -317,6 +330,16 @@ TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept
   scripted_->releaseOne();
   EXPECT_EQ(files().size(), 1u);
   EXPECT_EQ(anchor(), before);
+
+  // A wake-up of the stopped observer that arrives after the stop, as one under way does,
+  // fetches nothing: its anchor, stored after a disconnect deleted the anchors, would make the
+  // next connection skip every earlier sample.
+  ASSERT_FALSE(scripted_->observers().empty());
+  const auto observer = scripted_->observers().back();
+  const std::size_t fetches = scripted_->started;
+  observer->updateHandler()(
+      observer, {}, [] {}, std::nullopt);
+  EXPECT_EQ(scripted_->started, fetches);
 }
 
 TEST_F(CollectorTest, WithoutAConfigurationNothingIsObservedButDeliveryIsEnabled) {
