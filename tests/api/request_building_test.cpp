@@ -2,7 +2,6 @@
 
 #include <tuple>
 
-#include "api/profile_request.h"
 #include "api/request_builder.h"
 #include "api/units.h"
 #include "support/test_support.h"
@@ -119,30 +118,6 @@ TEST_F(RequestBuildingTest, AuthorizationFollowsTheTokenRules) {
   }
 }
 
-TEST_F(RequestBuildingTest, HeadersKeepTheirOrderAndTheBodyComesFromTheNamedFile) {
-  tokens_->saveToken("token-of-p1", "p1");
-  putFile(file_, true, R"([{"bulk":true}])");
-  auto request = info("v1.3/ingest/bulk/");
-  request.httpMethod = HttpMethod::POST;
-  request.fileName = file_;
-  request.bulk = true;
-  request.body = toBytes("inline, ignored when a file is named");
-  request.extraHeaders =
-      HTTPHeaders{{"Source", "Apple"}, {"Content-Type", "text/plain"}, {"X-A", "1"}, {"X-A", "2"}};
-  const auto built = build(request, std::nullopt);
-  ASSERT_TRUE(built) << built.error().text();
-  EXPECT_EQ(built->url, "https://back.example/api/v1.3/ingest/bulk/");
-  EXPECT_EQ(built->httpMethod, "POST");
-  EXPECT_EQ(built->httpBody, toBytes(R"([{"bulk":true}])"));
-  const HTTPHeaders expected = {{"Content-Type", "application/json"},
-                                {"Authorization", "Bearer token-of-p1"},
-                                {"Source", "Apple"},
-                                {"Content-Type", "text/plain"},
-                                {"X-A", "1"},
-                                {"X-A", "2"}};
-  EXPECT_EQ(built->headers, expected);
-}
-
 TEST_F(RequestBuildingTest, FailuresNameTheirCause) {
   putFile(file_, true, "[]");
   const FileNameComponents orphan{"sample", "gone", utc(2024, 3, 1, 8)};
@@ -173,16 +148,6 @@ TEST_F(RequestBuildingTest, FailuresNameTheirCause) {
   }
   // The file stays: whether it goes is the upload's decision.
   EXPECT_TRUE(fileExists(orphan, true));
-}
-
-TEST_F(RequestBuildingTest, ProfileRequestKeepsTheIdOneSegment) {
-  tokens_->saveToken("token-of-p1", "p 1/../x?y#z%");
-  const auto request = profileRequestInfo("p 1/../x?y#z%");
-  const auto built = build(request, Token{true, "p 1/../x?y#z%"});
-  ASSERT_TRUE(built);
-  EXPECT_EQ(built->url, "https://back.example/api/v1.3/profile/p%201%2F..%2Fx%3Fy%23z%25/");
-  EXPECT_EQ(built->httpMethod, "GET");
-  EXPECT_FALSE(built->httpBody);
 }
 
 TEST(DescribeHeaders, RedactsEveryAuthorizationValue) {
