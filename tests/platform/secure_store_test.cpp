@@ -6,7 +6,6 @@
 #include <fstream>
 #include <string>
 
-#include "support/child_process.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -85,27 +84,19 @@ TEST(SqliteSecureStore, WideFilesLeftBySomeoneElseAreMadeOwnerOnly) {
   EXPECT_EQ(permissions(wal), 0600u);
 }
 
-TEST(SqliteSecureStore, DamagedStoreIsMovedAsideAndReplacedOwnerOnly) {
+// Moving a damaged store aside is shared with the defaults store (tested there); the new
+// store must be as private as the first.
+TEST(SqliteSecureStore, DamagedStoreIsReplacedOwnerOnly) {
   TempDir dir;
   auto log = testing::CapturedLog::install();
   const auto path = dir.path() / "keychain.sqlite";
-  const std::string garbage(4096, '\x5a');
-  std::ofstream(path, std::ios::binary) << garbage;
-
+  std::ofstream(path, std::ios::binary) << std::string(4096, '\x5a');
   auto store = openStore(path);
   ASSERT_TRUE(store);
-  EXPECT_EQ(lookUp(*store, "svc", "acct"), "-25300");
   EXPECT_EQ(store->add({"svc", "acct", toBytes("secret")}), errSecSuccess);
+  EXPECT_EQ(lookUp(*store, "svc", "acct"), "secret");
   EXPECT_EQ(permissions(path), 0600u);
-  std::vector<std::filesystem::path> copies;
-  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
-    if (entry.path().filename().string().starts_with("keychain.sqlite.corrupt-")) {
-      copies.push_back(entry.path());
-    }
-  }
-  ASSERT_EQ(copies.size(), 1u);
-  EXPECT_EQ(testing::readFile(copies[0]), garbage);
-  EXPECT_EQ(log->matching(copies[0].string()).size(), 1u);
+  EXPECT_TRUE(log->contains(path.string() + ".corrupt-"));
   log->uninstall();
 }
 
