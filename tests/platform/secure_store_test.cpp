@@ -101,23 +101,21 @@ TEST(SqliteSecureStore, DamagedStoreIsReplacedOwnerOnly) {
 }
 
 TEST(SecureStoreMessages, KnownStatusesHaveTheKeychainWording) {
-  const std::vector<std::pair<OSStatus, std::optional<std::string>>> table = {
-      {0, "No error."},
-      {-36, "I/O error (bummers)"},
-      {-50, "One or more parameters passed to a function were not valid."},
-      {-108, "Failed to allocate memory."},
-      {-25291, "No keychain is available. You may need to restart your computer."},
-      {-25293, "The user name or passphrase you entered is not correct."},
-      {-25299, "The specified item already exists in the keychain."},
-      {-25300, "The specified item could not be found in the keychain."},
-      {-25308, "User interaction is not allowed."},
-      {-26275, "Unable to decode the provided data."},
-      {1, std::nullopt},
-      {-25301, std::nullopt},
-  };
-  for (const auto& [status, message] : table) {
-    EXPECT_EQ(secCopyErrorMessageString(status), message) << status;
+  std::string messages;
+  for (OSStatus status : {0, -36, -50, -108, -25291, -25293, -25299, -25300, -25308, -26275, 1}) {
+    messages +=
+        std::to_string(status) + ": " + secCopyErrorMessageString(status).value_or("-") + "\n";
   }
+  EXPECT_EQ(messages,
+            "0: No error.\n-36: I/O error (bummers)\n"
+            "-50: One or more parameters passed to a function were not valid.\n"
+            "-108: Failed to allocate memory.\n"
+            "-25291: No keychain is available. You may need to restart your computer.\n"
+            "-25293: The user name or passphrase you entered is not correct.\n"
+            "-25299: The specified item already exists in the keychain.\n"
+            "-25300: The specified item could not be found in the keychain.\n"
+            "-25308: User interaction is not allowed.\n"
+            "-26275: Unable to decode the provided data.\n1: -\n");
 }
 
 }  // namespace

@@ -2,33 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include "server/jwt.h"
 #include "support/test_support.h"
 
 namespace kestrova {
 namespace {
 
-std::string base64url(std::string_view bytes) {
-  constexpr std::string_view alphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-  std::string out;
-  std::uint32_t buffer = 0;
-  int bits = 0;
-  for (unsigned char c : bytes) {
-    buffer = (buffer << 8) | c;
-    bits += 8;
-    while (bits >= 6) {
-      bits -= 6;
-      out.push_back(alphabet[(buffer >> bits) & 0x3F]);
-    }
-  }
-  if (bits > 0) {
-    out.push_back(alphabet[(buffer << (6 - bits)) & 0x3F]);
-  }
-  return out;  // unpadded, as in a JSON Web Token
-}
-
 std::string makeToken(std::string_view payload) {
-  return "eyJhbGciOiJIUzI1NiJ9." + base64url(payload) + ".c2lnbmF0dXJl";
+  return "eyJhbGciOiJIUzI1NiJ9." + server::base64UrlEncode(payload) + ".c2lnbmF0dXJl";
 }
 
 TEST(TokenParsing, ReadsTheIdClaimOfWellFormedTokens) {
@@ -47,8 +28,9 @@ TEST(TokenParsing, ReadsTheIdClaimOfWellFormedTokens) {
 TEST(TokenParsing, RejectsEverythingElse) {
   // Not three parts, not base64 (a dangling sixth bit group cannot be a byte), no string "id"
   // in a JSON object, and ids that would escape file names, keychain accounts or URL paths.
-  std::vector<std::string> rejected = {"", "abc", "h.e$$$.s", "h.abcde.s",
-                                       "eyJhbGciOiJIUzI1NiJ9." + base64url(R"({"id":"a"})")};
+  std::vector<std::string> rejected = {
+      "", "abc", "h.e$$$.s", "h.abcde.s",
+      "eyJhbGciOiJIUzI1NiJ9." + server::base64UrlEncode(R"({"id":"a"})")};
   for (const char* payload :
        {R"({"id":4711})", R"({"ID":"a"})", R"(["id","a"])", R"("id")", R"({"id":"a")",
         R"({"id":null})", R"({"id":""})", R"({"id":"."})", R"({"id":".."})", R"({"id":"../etc"})",
