@@ -197,8 +197,6 @@ TEST_F(UploadNetworkTest, AcceptedUploadReachesTheServerWithItsHeadersAndTheFile
 }
 
 TEST_F(UploadNetworkTest, OnlyA200AnswerDeletesTheFileAndA403LogsTheHeadersRedacted) {
-  api_->session()->invalidateAndCancel();
-  api_ = makeApi(300ms, *test_.platform);
   struct Case {
     std::string fault;
     std::optional<int> status;  // none: no answer
@@ -214,6 +212,10 @@ TEST_F(UploadNetworkTest, OnlyA200AnswerDeletesTheFileAndA403LogsTheHeadersRedac
                                    {std::string(kHold), std::nullopt, "no byte moved for 300 ms"}};
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const auto& [fault, status, error] = cases[i];
+    if (fault == kHold) {
+      api_->session()->invalidateAndCancel();
+      api_ = makeApi(300ms, *test_.platform);
+    }
     script(fault);
     const auto file = putFile("file-" + std::to_string(i), false);
     const auto event = uploadAndWait(file, false);
@@ -341,13 +343,14 @@ TEST_F(UploadNetworkTest, ProfileIsValidOn2xxAndOtherAnswersFailWithoutHoldingTh
 }
 
 TEST_F(UploadNetworkTest, RefusedProfileCancelsWhatWaitsAndKeepsTheQueueHeld) {
-  // A token the server did not sign, answered late enough that the upload waits for it.
-  tokens_->saveToken(server::mintToken("another-secret", "p1"), "p1");
-  script("delay:300");
-  auto outcome = validate("p1");
+  // An upload waits in the queue as it would behind a validation under way; the validation's
+  // token is one the server did not sign.
+  api_->apiQueue()->setSuspended(true);
   const auto file = putFile("never-sent");
   api_->upload(file, true);
-  const auto result = outcome.get();
+  ASSERT_TRUE(eventually([&] { return api_->apiQueue()->operationCount() == 1; }));
+  tokens_->saveToken(server::mintToken("another-secret", "p1"), "p1");
+  const auto result = validate("p1").get();
   EXPECT_FALSE(result.success);
   EXPECT_EQ(result.error, KestrovaHealthKitError::failedToValidateProfile("p1"));
   EXPECT_TRUE(logged("Profile not accessible"));
