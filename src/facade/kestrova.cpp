@@ -55,7 +55,8 @@ std::string optionalErrorDescription(const std::optional<kestrova::Error>& error
 }
 
 // The shared instance: the facade's long-lived collaborators. `mutex` owns the configuration
-// fields; everything else is set at construction and immutable.
+// fields; `connection` serialises a disconnect with the start of collection; everything else
+// is set at construction and immutable.
 class Instance : public std::enable_shared_from_this<Instance> {
  public:
   explicit Instance(std::shared_ptr<const Platform> platform)
@@ -140,6 +141,11 @@ class Instance : public std::enable_shared_from_this<Instance> {
   const std::shared_ptr<HealthStore> healthKitDataStore;
   std::shared_ptr<SampleCollector> collector;      // set once, right after construction
   std::shared_ptr<StatisticsPass> statisticsPass;  // set once, right after construction
+  // Held while a disconnect runs and while collection starts for a stored profile (on the
+  // main queue): a start that found the profile just before a host thread disconnected it
+  // would otherwise run after the disconnect, and its anchors, stored after the disconnect
+  // deleted them, would make the next connection skip every earlier sample.
+  std::mutex connection;
 
   mutable std::mutex mutex;  // owns the fields below
   std::optional<Token> token;
@@ -290,6 +296,7 @@ void disconnectInstance(const std::shared_ptr<Instance>& instance) {
   if (!instance->healthKitDataStore || !dataManager) {
     return;
   }
+  std::lock_guard connection(instance->connection);
   instance->collector->stopObserving();
   instance->statisticsPass->stop();
   dataManager->deleteAllStoredStatistics();
@@ -473,6 +480,7 @@ void configureInstance(const std::shared_ptr<Instance>& instance, const Kestrova
                       if (!success || !self) {
                         return;
                       }
+                      std::lock_guard connection(self->connection);
                       const auto stored = self->profiles.storedProfile();
                       if (stored && stored->id == id) {
                         startCollection(self);
@@ -517,8 +525,11 @@ void authorizeAndStart(const std::shared_ptr<Instance>& instance, const std::str
             if (auto stored = self->profiles.storedProfile(); stored && stored->id != profileId) {
               disconnectInstance(self);
             }
-            self->profiles.store(Profile{profileId});
-            startCollection(self);
+            {
+              std::lock_guard connection(self->connection);
+              self->profiles.store(Profile{profileId});
+              startCollection(self);
+            }
             completion(true, std::nullopt);
           });
         });
