@@ -1,7 +1,6 @@
 #include "tests/c_api/server_harness.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -15,23 +14,9 @@ namespace {
 
 constexpr std::string_view kSecret = "c-api-test-secret";
 
-std::unique_ptr<kestrova::server::KestrovaServer>& server() {
-  static std::unique_ptr<kestrova::server::KestrovaServer> instance;
-  return instance;
-}
-
-std::string& url() {
-  static std::string text;
-  return text;
-}
-
-char* copy(const std::string& text) {
-  char* result = static_cast<char*>(std::malloc(text.size() + 1));
-  if (result != nullptr) {
-    std::memcpy(result, text.c_str(), text.size() + 1);
-  }
-  return result;
-}
+// Started and stopped by the test's main thread, which alone uses them.
+std::unique_ptr<kestrova::server::KestrovaServer> server;
+std::string url;
 
 }  // namespace
 
@@ -44,25 +29,25 @@ bool harness_server_start(void) {
   if (!started) {
     return false;
   }
-  server() = std::move(started).value();
-  url() = server()->baseUrl();
+  server = std::move(started).value();
+  url = server->baseUrl();
   return true;
 }
 
 void harness_server_stop(void) {
-  server().reset();
+  server.reset();
 }
 
 const char* harness_server_url(void) {
-  return url().c_str();
+  return url.c_str();
 }
 
 char* harness_token_for(const char* profile) {
-  return copy(server()->tokenFor(profile));
+  return strdup(server->tokenFor(profile).c_str());
 }
 
 size_t harness_data_point_count(const char* profile) {
-  return server()->dataPoints(profile).size();
+  return server->dataPoints(profile).size();
 }
 
 bool harness_seed_body_mass(const char* data_directory, double seconds_since_1970) {
