@@ -208,9 +208,7 @@ TEST_F(StoreStatistics, DiscreteFiguresAreTimeWeightedPerInterval) {
     EXPECT_FALSE(populated[i].sumQuantity());
   }
   // Empty intervals exist only when asked for by date.
-  const kestrova::Statistics empty = quarters.statistics(utc(2024, 5, 3, 10, 50));
-  EXPECT_EQ(empty.startDate(), utc(2024, 5, 3, 10, 45));
-  EXPECT_FALSE(empty.averageQuantity());
+  EXPECT_FALSE(quarters.statistics(utc(2024, 5, 3, 10, 50)).averageQuantity());
   int visited = 0;
   quarters.enumerateStatistics(utc(2024, 5, 3, 10), utc(2024, 5, 3, 11),
                                [&](const kestrova::Statistics&) { return ++visited > 0; });

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <string>
 
+#include "platform/health/object_type.h"
 #include "platform/health/predicate.h"
 #include "platform/health/statistics.h"
 #include "platform/health/unit.h"
@@ -40,6 +41,7 @@ TEST(HealthUnit, GrammarConversionsAndRefusals) {
     ASSERT_FALSE(parsed.ok()) << text;
     EXPECT_EQ(parsed.error().domain, kUnitErrorDomain) << text;
   }
+  EXPECT_FALSE(ObjectType::quantityType("HKCategoryTypeIdentifierSleepAnalysis"));
   // Units keep their spelling and compare by size.
   EXPECT_EQ(Unit::fromString(" count/min ").value().unitString(), "count/min");
   EXPECT_FALSE(Unit::fromString("degC").value() == Unit::fromString("K").value());

@@ -72,31 +72,6 @@ TEST_F(ImporterTest, OlderExportWithoutPrologAndWithWorkoutTotalsAsAttributes) {
             std::string::npos);
 }
 
-TEST_F(ImporterTest, RecentExportWithSleepStagesAndATypeTheLibraryDoesNotReadYet) {
-  const ImportSummary summary = import(fixturePath("apple-health-parser/export.xml"));
-  ASSERT_TRUE(summary.ok()) << summaryText(summary);
-  EXPECT_EQ(summary.added, 9u);
-  EXPECT_EQ(summary.skippedCount(), 0u);
-  EXPECT_EQ(summary.locale, "en_NL");
-  // A type the library does not read yet is stored all the same, in its canonical unit.
-  const auto standTime = database().sampleRows("HKQuantityTypeIdentifierAppleStandTime").value();
-  ASSERT_EQ(standTime.size(), 1u);
-  EXPECT_EQ(standTime[0].value, 2);
-  EXPECT_EQ(standTime[0].unit, "min");
-
-  const auto sleep = samplesOf<CategorySample>("HKCategoryTypeIdentifierSleepAnalysis");
-  ASSERT_EQ(sleep.size(), 2u);
-  EXPECT_EQ(sleep[0]->value(), kSleepInBed);
-  EXPECT_EQ(sleep[0]->startDate(), utc(2023, 12, 31, 22, 55, 28));
-  EXPECT_EQ(metadataValue<std::string>(*sleep[0], "HKTimeZone"), "Europe/Amsterdam");
-  EXPECT_EQ(sleep[1]->value(), kSleepAsleepCore);
-
-  const auto energy = samplesOf<QuantitySample>("HKQuantityTypeIdentifierActiveEnergyBurned");
-  ASSERT_EQ(energy.size(), 2u);
-  EXPECT_DOUBLE_EQ(valueIn(*energy[1], "kcal"), 0.08);
-  EXPECT_EQ(energy[1]->device()->hardwareVersion, "Watch6,7");
-}
-
 TEST_F(ImporterTest, FrenchExportWithVersion8DoctypeAndItsReimportAlsoWithAnotherOffset) {
   const ImportSummary summary = import(fixturePath("healthkit-parser/exporter.xml"));
   ASSERT_TRUE(summary.ok()) << summaryText(summary);
@@ -420,7 +395,7 @@ std::string electrocardiogram513(int count) {
   return text;
 }
 
-TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
+TEST_F(ImporterTest, RecentExportZippedWithLocalisedNameMacArtefactsAndElectrocardiograms) {
   const std::string document = readText(fixturePath("apple-health-parser/export.xml"));
   // A resource fork bigger than the document and looking like it, to prove it is never read.
   const std::string fork = "<HealthData>" + std::string(document.size() * 2, ' ');
@@ -442,12 +417,37 @@ TEST_F(ImporterTest, ZipWithLocalisedNameMacArtefactsAndElectrocardiograms) {
   EXPECT_EQ(summary.mainDocument, "apple_health_export/\xE5\xAF\xBC\xE5\x87\xBA.xml");
   EXPECT_EQ(summary.electrocardiograms, 2u);
   EXPECT_EQ(summary.added, 11u);
+  EXPECT_EQ(summary.skippedCount(), 0u);
+  EXPECT_EQ(summary.locale, "en_NL");
+
+  // The recent export inside: sleep stages, and a type the library does not read yet stored
+  // all the same, in its canonical unit.
+  const auto sleep = samplesOf<CategorySample>("HKCategoryTypeIdentifierSleepAnalysis");
+  ASSERT_EQ(sleep.size(), 2u);
+  EXPECT_EQ(sleep[0]->value(), kSleepInBed);
+  EXPECT_EQ(sleep[0]->startDate(), utc(2023, 12, 31, 22, 55, 28));
+  EXPECT_EQ(metadataValue<std::string>(*sleep[0], "HKTimeZone"), "Europe/Amsterdam");
+  EXPECT_EQ(sleep[1]->value(), kSleepAsleepCore);
+  const auto energy = samplesOf<QuantitySample>("HKQuantityTypeIdentifierActiveEnergyBurned");
+  ASSERT_EQ(energy.size(), 2u);
+  EXPECT_DOUBLE_EQ(valueIn(*energy[1], "kcal"), 0.08);
+  EXPECT_EQ(energy[1]->device()->hardwareVersion, "Watch6,7");
+  const auto standTime = database().sampleRows("HKQuantityTypeIdentifierAppleStandTime").value();
+  ASSERT_EQ(standTime.size(), 1u);
+  EXPECT_EQ(standTime[0].value, 2);
+  EXPECT_EQ(standTime[0].unit, "min");
 
   const auto recordings = samplesOf<Electrocardiogram>("HKDataTypeIdentifierElectrocardiogram");
   ASSERT_EQ(recordings.size(), 2u);
   EXPECT_EQ(recordings[0]->numberOfVoltageMeasurements(), 15409);
   EXPECT_DOUBLE_EQ(recordings[0]->samplingFrequency()->doubleValue(Unit::hertz()).value(), 513.625);
+  // The real recording: comma decimals, its device and the zone of its date.
   EXPECT_EQ(recordings[1]->numberOfVoltageMeasurements(), 15360);
+  EXPECT_EQ(recordings[1]->startDate(), utc(2024, 8, 19, 20, 48, 31));
+  EXPECT_EQ(recordings[1]->endDate() - recordings[1]->startDate(), std::chrono::seconds(30));
+  EXPECT_EQ(recordings[1]->classification(), Electrocardiogram::Classification::sinusRhythm);
+  EXPECT_EQ(recordings[1]->symptomsStatus(), Electrocardiogram::SymptomsStatus::notSet);
+  EXPECT_EQ(recordings[1]->sourceRevision().productType, "Watch7,2");
   // The voltage query delivers volts, one per measurement.
   std::promise<void> done;
   std::vector<double> trace;
