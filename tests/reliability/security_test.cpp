@@ -60,7 +60,8 @@ mode_t permissions(const fs::path& path) {
 std::set<std::string> tree(const fs::path& root) {
   std::set<std::string> paths;
   for (const auto& entry : fs::recursive_directory_iterator(root)) {
-    paths.insert(fs::relative(entry.path(), root).string());
+    // Lexically: a temporary file of a write under way may be gone by now.
+    paths.insert(entry.path().lexically_relative(root).string());
   }
   return paths;
 }
