@@ -4,16 +4,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include "platform/clock.h"
 #include "platform/dispatch_group.h"
-#include "support/child_process.h"
 #include "support/test_support.h"
 
 namespace kestrova {
