@@ -56,12 +56,11 @@ class HeldOperation : public Operation {
   bool isAsynchronous() const override { return true; }
   bool isExecuting() const override { return executing_.load(); }
   bool isFinished() const override { return finished_.load(); }
+  // Only the finishing is announced: it is all that a queue watches.
   void finish() {
-    willChangeValueForKey(kIsExecutingKey);
-    willChangeValueForKey(kIsFinishedKey);
     executing_.store(false);
+    willChangeValueForKey(kIsFinishedKey);
     finished_.store(true);
-    didChangeValueForKey(kIsExecutingKey);
     didChangeValueForKey(kIsFinishedKey);
   }
 
