@@ -57,9 +57,15 @@ TEST_F(StorageTest, PersistedNamesStayAsTheyAre) {
   const FileNameComponents file{"workout-2024-03-01T08:15:30.000", "p1",
                                 testing::utc(2024, 3, 1, 8, 15, 30, 250)};
   EXPECT_EQ(file.fileName(), "2024-03-01T08:15:30.250---workout-2024-03-01T08:15:30.000---p1");
-  const FileServer files(test_.platform->files, nullptr);
-  EXPECT_EQ(*files.directoryURL(true), dir_.path() / "Kestrova" / "UploadBulk");
+  FileServer files(test_.platform->files, nullptr);
   EXPECT_EQ(*files.directoryURL(false), dir_.path() / "Kestrova" / "Upload");
+  const auto bulk = dir_.path() / "Kestrova" / "UploadBulk";
+  ASSERT_EQ(*files.directoryURL(true), bulk);
+  ASSERT_FALSE(test_.platform->files->createFileAtomically(bulk / file.fileName(), toBytes("[]")));
+  ASSERT_TRUE(files.setAside(RejectedFile{file, true, 400, 5, "", Date{}}));
+  const auto rejected = dir_.path() / "Kestrova" / "Rejected" / file.fileName();
+  EXPECT_TRUE(std::filesystem::exists(rejected));
+  EXPECT_TRUE(std::filesystem::exists(rejected.string() + ".rejected.json"));
 }
 
 // A damaged entry gives no anchor (the types are read again from the start) and stays in place
