@@ -9,19 +9,10 @@ namespace {
 using kestrova::testing::utc;
 using Type = KestrovaHealthKitDataType;
 
-class KestrovaConfigTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    test_ = kestrova::testing::makeTestPlatform(dir_.path(), "Europe/Berlin");
-  }
-  void TearDown() override { kestrova::installPlatform(nullptr); }
-
-  kestrova::testing::TempDir dir_;
-  kestrova::testing::TestPlatform test_;
-};
-
-TEST_F(KestrovaConfigTest, DefaultsApplyOnlyToAbsentParameters) {
-  test_.clock->set(utc(2021, 3, 30, 10));  // 12:00 in Berlin, summer time
+TEST(KestrovaConfigTest, DefaultsApplyOnlyToAbsentParameters) {
+  kestrova::testing::TempDir dir;
+  const auto test = kestrova::testing::makeTestPlatform(dir.path(), "Europe/Berlin");
+  test.clock->set(utc(2021, 3, 30, 10));  // 12:00 in Berlin, summer time
   const KestrovaConfig config("t");
   EXPECT_EQ(config.token(), "t");
   EXPECT_EQ(config.url(), "https://api.kestrova.com/api/");
@@ -44,6 +35,7 @@ TEST_F(KestrovaConfigTest, DefaultsApplyOnlyToAbsentParameters) {
                   .empty());
   EXPECT_EQ(KestrovaConfig("t", std::nullopt, std::nullopt, {22, 22, 0}).enabledDataTypes(),
             (std::vector<Type>{Type::stepCount, Type::stepCount, Type::activeEnergyBurned}));
+  kestrova::installPlatform(nullptr);
 }
 
 TEST(KestrovaConfigDeathTest, RawValueOutsideTheTableEndsTheProcess) {
