@@ -1,26 +1,18 @@
 // Hostile inputs, each checked for a clear error or log line and for keeping what the library
-// had accepted before it.
-//
-// | Input | What happens |
-// |---|---|
-// | token whose "id" is 1 MB | configure fails with invalidToken (an id past 128 bytes cannot name
-// upload files); the stored token and the connected profile stay | | token whose "id" holds "../" |
-// configure fails with invalidToken; the same stays | | API URL without host ("https:///api/",
-// "api.example.com/api/") | configure fails with invalidHost; the same stays | | upload file of
-// invalid UTF-8 in Kestrova/UploadBulk | the sweep logs "Non-json data found, file will be removed:
-// <path>" and removes it, as it removes every file that can never be sent; the other files are
-// uploaded and removed | | garbage bytes in defaults.sqlite | moved to
-// defaults.sqlite.corrupt-<seconds> with an error line naming both; the new store works; the token
-// and the upload files stay | | full disk (ENOSPC) on every upload file write | three attempts,
-// each logged with the system's "No space left on device", then "Could not write file ... after 3
-// attempts, its data points are dropped"; earlier files keep their bytes; writes succeed once there
-// is space again | | export whose DOCTYPE nests entities (billion laughs), also with "<HealthData"
-// hidden in an entity to move the cut | expat never sees a DOCTYPE, so the reference is an
-// undefined entity: the import fails as malformed at the record's line; the store keeps its samples
-// | | zip whose export.xml claims to inflate from 1 MB to 4 GB | refused before anything is
-// inflated ("would inflate from ... to ... bytes"); nothing is written | | zip whose export.xml
-// inflates past the size it declares | reading stops at the declared size with "inflates past the
-// ... bytes the archive declares" |
+// had accepted before it:
+// - a token whose "id" is 1 MB or holds "../", an API URL without host: configure fails
+//   (invalidToken, invalidHost); the stored token and the connected profile stay;
+// - an upload file of invalid UTF-8: the sweep logs "Non-json data found, file will be removed:
+//   <path>" and removes it, as it removes every file that can never be sent; the others go;
+// - garbage bytes in defaults.sqlite: moved to defaults.sqlite.corrupt-<seconds> with an error
+//   line; the new store works; the token and the upload files stay;
+// - a full disk on every upload file write: three attempts, each logged with "No space left on
+//   device", then "Could not write file ... after 3 attempts"; earlier files keep their bytes;
+// - an export whose DOCTYPE nests entities (billion laughs), also with "<HealthData" hidden in an
+//   entity to move the cut: expat never sees the DOCTYPE, the import fails as malformed; the
+//   store keeps its samples;
+// - a zip whose export.xml claims to inflate from 1 MB to 4 GB: refused before inflating; one
+//   that inflates past the size it declares: reading stops at that size.
 #include <gtest/gtest.h>
 #include <zip.h>
 
