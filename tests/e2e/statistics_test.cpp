@@ -157,6 +157,7 @@ TEST_F(StatisticsEndToEndTest, HeartRateDetailAndSummaryFiguresArriveDeduplicate
   const auto tenId = "p1-ks-daily-detail-2024-03-05T10:00:00.000";
   const double daySteps = storeStepSum(utc(2024, 3, 4, 23), utc(2024, 3, 5, 23));
   const double nineSteps = storeStepSum(nine, nine + minutes(15));
+  // The figures the wait checks are not checked again below.
   auto bySchema = uploadUntil([&](BySchema& got) {
     auto& summaries = got["daily-summary-with-heart-rate"];
     auto& details = got["ks-daily-detail"];
@@ -181,10 +182,6 @@ TEST_F(StatisticsEndToEndTest, HeartRateDetailAndSummaryFiguresArriveDeduplicate
   EXPECT_EQ(details.at(nineId)["body"]["step_count"], nineSteps);
   EXPECT_TRUE(near(details.at(nineId)["body"]["distance"]["value"], 700.0))
       << details.at(nineId)["body"]["distance"]["value"];
-  EXPECT_TRUE(near(details.at(nineId)["body"]["kcal_burned"]["value"], 55.0))
-      << details.at(nineId)["body"]["kcal_burned"]["value"];
-  EXPECT_TRUE(near(details.at(tenId)["body"]["distance"]["value"], 2000.0))
-      << details.at(tenId)["body"]["distance"]["value"];
 
   // The day's step count is the store's merged sum of the Berlin day, not phone plus watch.
   ASSERT_EQ(bySchema["daily-summary-with-heart-rate"].count(dayId), 1u);
@@ -192,8 +189,6 @@ TEST_F(StatisticsEndToEndTest, HeartRateDetailAndSummaryFiguresArriveDeduplicate
   EXPECT_EQ(day["step_count"], daySteps);
   EXPECT_NE(daySteps, 1000.0 + 800.0 + 300.0);
   EXPECT_NE(nineSteps, 1000.0 + 800.0);
-  EXPECT_TRUE(near(day["distance"]["value"], 2700.0)) << day["distance"]["value"];
-  EXPECT_TRUE(near(day["kcal_burned"]["value"], 55.0)) << day["kcal_burned"]["value"];
   EXPECT_TRUE(near(day["resting_kcal_burned"]["value"], 15.0))
       << day["resting_kcal_burned"]["value"];
   EXPECT_TRUE(near(day["active_kcal_burned"]["value"], 40.0)) << day["active_kcal_burned"]["value"];
