@@ -2,6 +2,8 @@
 // envelope rules they share (modality, the zone of the dates, the metadata list, time frames).
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "datapoints/body_measurement.h"
 #include "datapoints/category_sample.h"
 #include "datapoints/datapoint_test_support.h"
@@ -167,28 +169,14 @@ TEST(Encoders, WorkoutActivityNamesWithOtherAround) {
 
 TEST(Encoders, EveryMappedTypeCanBeReadInItsUnit) {
   // A unit that does not fit its type would silently drop every sample of that type.
-  for (std::string_view type : {"ActiveEnergyBurned",
-                                "BasalEnergyBurned",
-                                "BloodGlucose",
-                                "BloodPressureDiastolic",
-                                "BloodPressureSystolic",
-                                "BodyFatPercentage",
-                                "OxygenSaturation",
-                                "BodyMass",
-                                "BodyMassIndex",
-                                "BodyTemperature",
-                                "DistanceCycling",
-                                "DistanceDownhillSnowSports",
-                                "DistanceSwimming",
-                                "DistanceWalkingRunning",
-                                "DistanceWheelchair",
-                                "HeartRate",
-                                "RestingHeartRate",
-                                "Height",
-                                "HeartRateVariabilitySDNN",
-                                "StepCount",
-                                "VO2Max"}) {
-    const std::string identifier = "HKQuantityTypeIdentifier" + std::string(type);
+  std::istringstream types(
+      "ActiveEnergyBurned BasalEnergyBurned BloodGlucose BloodPressureDiastolic "
+      "BloodPressureSystolic BodyFatPercentage OxygenSaturation BodyMass BodyMassIndex "
+      "BodyTemperature DistanceCycling DistanceDownhillSnowSports DistanceSwimming "
+      "DistanceWalkingRunning DistanceWheelchair HeartRate RestingHeartRate Height "
+      "HeartRateVariabilitySDNN StepCount VO2Max");
+  for (std::string type; types >> type;) {
+    const std::string identifier = "HKQuantityTypeIdentifier" + type;
     const std::optional<Units> unit = unitForIdentifier(identifier);
     const std::optional<ObjectType> objectType = ObjectType::quantityType(identifier);
     ASSERT_TRUE(unit && objectType) << identifier;
