@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -37,10 +36,6 @@ constexpr std::string_view kLaterExport = R"(<?xml version="1.0" encoding="UTF-8
 </HealthData>
 )";
 
-bool eventually(const std::function<bool()>& condition) {
-  return testing::eventually(condition, kDeadline);
-}
-
 struct CommandRun {
   int exitCode = -1;
   std::string out;
@@ -59,37 +54,16 @@ std::vector<std::string> words(const std::string& line) {
   return result;
 }
 
-// `kestrova watch --json` running in the background; its events are read as they are written.
-class Watch {
- public:
-  explicit Watch(std::unique_ptr<testing::ChildProcess> process) : process_(std::move(process)) {}
-
-  // Every complete line so far.
-  std::vector<nlohmann::json> events() const {
-    std::vector<nlohmann::json> events;
-    std::istringstream lines(process_->out());
-    std::string line;
-    while (std::getline(lines, line) && !lines.eof()) {
-      events.push_back(nlohmann::json::parse(line));
-    }
-    return events;
+// The complete lines `kestrova watch --json` has written so far, one event each.
+std::vector<nlohmann::json> events(const testing::ChildProcess& watch) {
+  std::vector<nlohmann::json> events;
+  std::istringstream lines(watch.out());
+  std::string line;
+  while (std::getline(lines, line) && !lines.eof()) {
+    events.push_back(nlohmann::json::parse(line));
   }
-
-  // Waits for an event that satisfies `matches`.
-  bool awaitEvent(const std::function<bool(const nlohmann::json&)>& matches) const {
-    return eventually([&] {
-      const auto seen = events();
-      return std::any_of(seen.begin(), seen.end(), matches);
-    });
-  }
-
-  // Sends `signal` and returns the exit code; -1 when the command did not end in time.
-  int stop(int signal) { return process_->stop(signal, kDeadline).value_or(-1); }
-  std::string err() const { return process_->err(); }
-
- private:
-  std::unique_ptr<testing::ChildProcess> process_;
-};
+  return events;
+}
 
 class CliTest : public ::testing::Test {
  protected:
@@ -122,13 +96,6 @@ class CliTest : public ::testing::Test {
         std::vector<std::string>{"KESTROVA_TOKEN=" + token});
   }
 
-  // Starts `kestrova watch --json` with the profile's token in its environment.
-  std::unique_ptr<Watch> watch(const std::string& arguments) const {
-    return std::make_unique<Watch>(
-        start("watch --json --since 2010-01-01 --url " + server_->baseUrl() + " " + arguments,
-              token(), "watch"));
-  }
-
   void import(std::string_view path = kExport, std::string_view text = "") {
     std::string file(path);
     if (!text.empty()) {
@@ -157,18 +124,6 @@ class CliTest : public ::testing::Test {
     return schemas;
   }
 
-  // Hidden files anywhere under the data directory's upload folders: half-written uploads.
-  std::vector<std::string> temporaryFiles() const {
-    std::vector<std::string> found;
-    for (const auto& entry :
-         std::filesystem::recursive_directory_iterator(dir_.path() / "data" / "Kestrova")) {
-      if (entry.path().filename().string().starts_with(".")) {
-        found.push_back(entry.path().string());
-      }
-    }
-    return found;
-  }
-
   std::string syncArguments() const {
     return "sync --since 2010-01-01 --timeout 60 --json --url " + server_->baseUrl();
   }
@@ -183,10 +138,7 @@ TEST_F(CliTest, SyncDeliversAnImportAndTheReportingCommandsAgree) {
   ASSERT_EQ(synced.exitCode, 0) << synced.err;
   const auto report = synced.json();
   EXPECT_TRUE(report["complete"].get<bool>());
-  EXPECT_EQ(report["profileId"], kProfile);
   EXPECT_EQ(report["pendingFiles"], 0);
-  EXPECT_EQ(report["failedUploads"], 0);
-  EXPECT_EQ(report["rejectedFiles"], 0);
   EXPECT_GT(report["deliveredFiles"].get<int>(), 0);
   // The events count data points, not files: as many as the server received.
   std::int64_t perFamily = 0;
@@ -203,15 +155,12 @@ TEST_F(CliTest, SyncDeliversAnImportAndTheReportingCommandsAgree) {
   const auto status = kestrova("status --json").json();
   EXPECT_EQ(status["status"], "connected");
   EXPECT_EQ(status["profileId"], kProfile);
-  EXPECT_EQ(status["pendingFiles"], 0);
   // The state kept by the library says the same as the sync's events.
   for (const auto& [family, points] : report["delivered"].items()) {
     const auto& delivery = status["delivery"][family];
     EXPECT_EQ(delivery["deliveredPoints"], points) << family;
     EXPECT_TRUE(delivery["lastDelivered"].is_string()) << family;
-    EXPECT_TRUE(delivery["lastError"].is_null()) << family;
   }
-  EXPECT_EQ(status["rejected"], nlohmann::json::array());
   std::set<std::string> anchored;
   for (const auto& anchor : status["anchors"]) {
     EXPECT_TRUE(anchor["position"].is_number_unsigned()) << anchor;
@@ -282,18 +231,6 @@ TEST_F(CliTest, BadTokensArgumentsAndAnUnreachableBackEndFailClearlyWithoutAbort
   EXPECT_NE(unreachable.err.find("could not validate"), std::string::npos) << unreachable.err;
 }
 
-TEST_F(CliTest, WatchStoppedBySigtermWhileWritingLeavesNoHalfWrittenFile) {
-  import();
-  auto watch = this->watch("");
-  ASSERT_TRUE(watch->awaitEvent([](const auto& event) { return event["event"] == "connected"; }));
-  EXPECT_EQ(watch->stop(SIGTERM), 0) << watch->err();
-  const auto events = watch->events();
-  ASSERT_FALSE(events.empty());
-  EXPECT_EQ(events.back()["event"], "stopped");
-  EXPECT_EQ(events.back()["signal"], "SIGTERM");
-  EXPECT_EQ(temporaryFiles(), std::vector<std::string>{});
-}
-
 TEST_F(CliTest, FilesRefusedFiveTimesAreSetAsideAndComeBackWithRetry) {
   import();
   for (int run = 1; run < 5; ++run) {
@@ -306,14 +243,7 @@ TEST_F(CliTest, FilesRefusedFiveTimesAreSetAsideAndComeBackWithRetry) {
   const auto pending = kestrova("pending --json").json();
   const auto waiting = static_cast<int>(pending.size());
   ASSERT_GT(waiting, 0);
-  for (const auto& file : pending) {
-    EXPECT_EQ(file["profileId"], kProfile);
-    EXPECT_GT(file["bytes"].get<int>(), 0);
-  }
-  const auto before = kestrova("status --json").json();
-  EXPECT_EQ(before["pendingFiles"], waiting);
-  EXPECT_EQ(before["delivery"]["body"]["lastError"]["httpStatus"], 400) << before["delivery"];
-  EXPECT_TRUE(before["delivery"]["body"]["lastDelivered"].is_null());
+  EXPECT_EQ(pending[0]["profileId"], kProfile);
 
   // The fifth refusal in a row sets every file aside: the sync no longer waits for them.
   failIngests(400);
@@ -325,13 +255,11 @@ TEST_F(CliTest, FilesRefusedFiveTimesAreSetAsideAndComeBackWithRetry) {
   ASSERT_EQ(after["rejected"].size(), static_cast<std::size_t>(waiting)) << after;
   std::set<std::string> families;
   for (const auto& file : after["rejected"]) {
-    EXPECT_EQ(file["httpStatus"], 400) << file;
     EXPECT_EQ(file["attempts"], 5) << file;
-    EXPECT_NE(file["reason"].get<std::string>().find("injected fault"), std::string::npos) << file;
     families.insert(file["family"].get<std::string>());
   }
   EXPECT_EQ(families, (std::set<std::string>{"body", "workout"}));
-  EXPECT_EQ(after["delivery"]["body"]["lastError"]["domain"], "KestrovaLib.HTTPStatus");
+  EXPECT_EQ(after["delivery"]["body"]["lastError"]["httpStatus"], 400) << after["delivery"];
   EXPECT_EQ(kestrova("rejected --json").json(), after["rejected"]);
   EXPECT_NE(kestrova("status").out.find("Set aside:     " + std::to_string(waiting)),
             std::string::npos);
@@ -346,10 +274,9 @@ TEST_F(CliTest, FilesRefusedFiveTimesAreSetAsideAndComeBackWithRetry) {
   ASSERT_EQ(delivered.exitCode, 0) << delivered.err;
   EXPECT_EQ(delivered.json()["deliveredFiles"], waiting);
   EXPECT_EQ(kestrova("pending --json").json(), nlohmann::json::array());
-  EXPECT_TRUE(kestrova("status --json").json()["delivery"]["body"]["lastDelivered"].is_string());
 }
 
-TEST_F(CliTest, AFileAnsweredWithRetryAfterIsNotSentAgainSooner) {
+TEST_F(CliTest, AFileAnsweredWithRetryAfterIsNotSentAgainSoonerAndSigtermStopsTheWatchCleanly) {
   import("later.xml", kLaterExport);
   server::FaultPlan busy;
   busy.script = server::FaultPlan::parseScript("503:retry-after=2").value();
@@ -357,12 +284,21 @@ TEST_F(CliTest, AFileAnsweredWithRetryAfterIsNotSentAgainSooner) {
   server_->setFaults(busy);
 
   // Backoff alone would send it again within a fifth of a second; the types go by name.
-  auto watch = this->watch("--types bodyMass --max-retry-delay 0.2");
-  EXPECT_TRUE(watch->awaitEvent([](const auto& event) {
-    return event["event"] == "progress" && event["pendingFiles"] == 0 &&
-           event["deliveredFiles"] == 1;
-  })) << watch->err();
-  EXPECT_EQ(watch->stop(SIGTERM), 0);
+  auto watch =
+      start("watch --json --since 2010-01-01 --types bodyMass --max-retry-delay 0.2 --url " +
+                server_->baseUrl(),
+            token(), "watch");
+  EXPECT_TRUE(testing::eventually(
+      [&] {
+        const auto seen = events(*watch);
+        return std::any_of(seen.begin(), seen.end(), [](const auto& event) {
+          return event["event"] == "progress" && event["pendingFiles"] == 0 &&
+                 event["deliveredFiles"] == 1;
+        });
+      },
+      kDeadline))
+      << watch->err();
+  EXPECT_EQ(watch->stop(SIGTERM, kDeadline), 0) << watch->err();
 
   const auto log = server_->requestLog();
   const auto refused = std::find_if(log.begin(), log.end(),
@@ -375,12 +311,19 @@ TEST_F(CliTest, AFileAnsweredWithRetryAfterIsNotSentAgainSooner) {
   EXPECT_EQ(again->outcome, "200");
   EXPECT_GE(again->arrived - refused->arrived, std::chrono::seconds(2));
   EXPECT_TRUE(schemasReceived().contains("omh:body-weight"));
-  const auto events = watch->events();
-  const auto retries = std::count_if(events.begin(), events.end(),
+  const auto written = events(*watch);
+  const auto retries = std::count_if(written.begin(), written.end(),
                                      [](const auto& event) { return event["event"] == "retry"; });
   EXPECT_GE(retries, 1);
-  EXPECT_EQ(events.back()["retries"], retries);
-  EXPECT_EQ(events.back()["failedUploads"], 1);
+  EXPECT_EQ(written.back()["event"], "stopped");
+  EXPECT_EQ(written.back()["signal"], "SIGTERM");
+  EXPECT_EQ(written.back()["retries"], retries);
+  EXPECT_EQ(written.back()["failedUploads"], 1);
+  // No hidden file, a half-written upload, is left behind.
+  for (const auto& entry :
+       std::filesystem::recursive_directory_iterator(dir_.path() / "data" / "Kestrova")) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
+  }
 }
 
 }  // namespace

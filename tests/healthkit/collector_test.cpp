@@ -22,7 +22,7 @@ namespace {
 constexpr std::string_view kBodyMass = "HKQuantityTypeIdentifierBodyMass";
 constexpr auto kWait = std::chrono::seconds(10);
 
-TEST(HealthKitTypes, EachDataTypeReadsItsOwnIdentifier) {
+TEST(HealthKitTypes, EachDataTypeReadsItsOwnIdentifierAndEachFamilyWritesItsOwnPrefix) {
   using T = KestrovaHealthKitDataType;
   const std::pair<T, std::string_view> table[] = {
       {T::activeEnergyBurned, "HKQuantityTypeIdentifierActiveEnergyBurned"},
@@ -60,9 +60,6 @@ TEST(HealthKitTypes, EachDataTypeReadsItsOwnIdentifier) {
   // Workout, sleep, mindful, ECG from 14.0 and 21 quantity types.
   EXPECT_EQ(readTypes(SystemVersion{14, 0}).size(), 25u);
   EXPECT_EQ(readTypes(SystemVersion{13, 7}).size(), 24u);
-}
-
-TEST(SampleFamilies, FilePrefixes) {
   EXPECT_EQ(filePrefix(SampleFamily::workouts), "workout-");
   EXPECT_EQ(filePrefix(SampleFamily::sleep), "sleep-");
   EXPECT_EQ(filePrefix(SampleFamily::mindfulSessions), "mindful-");
@@ -170,11 +167,9 @@ class CollectorTest : public ::testing::Test {
     installPlatform(nullptr);
   }
 
-  std::shared_ptr<SampleCollector> collector(
-      std::set<std::string, std::less<>> enabled, SystemVersion system = {}, bool configured = true,
-      std::function<void(std::vector<ObjectType>)> statistics = nullptr) {
+  std::shared_ptr<SampleCollector> collector(std::set<std::string, std::less<>> enabled,
+                                             SystemVersion system = {}, bool configured = true) {
     SampleCollector::Environment environment;
-    environment.statistics = std::move(statistics);
     environment.store = scripted_;
     environment.anchors = std::make_shared<AnchorStore>(test_.platform->defaults);
     environment.clock = test_.clock;
@@ -351,38 +346,6 @@ TEST_F(CollectorTest, WithoutAConfigurationNothingIsObservedButDeliveryIsEnabled
         [&] { return store_->backgroundDeliveryRegistration(type).has_value(); }, kWait))
         << type.identifier();
   }
-}
-
-TEST_F(CollectorTest, StatisticsRunOverEnabledTypesAndEachObserverRecomputesItsOwnType) {
-  std::mutex mutex;  // owns passes
-  std::vector<std::string> passes;
-  auto statistics = collector({"HKQuantityTypeIdentifierStepCount",
-                               "HKQuantityTypeIdentifierHeartRate", std::string(kBodyMass)},
-                              {}, true, [&](std::vector<ObjectType> types) {
-                                std::string pass;
-                                for (const auto& type : types) {
-                                  pass += std::string(type.identifier()) + " ";
-                                }
-                                std::lock_guard lock(mutex);
-                                passes.push_back(pass);
-                              });
-  statistics->startObserving();
-  // The body mass observer and one statistics observer per enabled statistics type.
-  EXPECT_TRUE(testing::eventually([&] { return statistics->runningQueryCount() == 3; }, kWait));
-  ASSERT_TRUE(testing::eventually(
-      [&] {
-        std::lock_guard lock(mutex);
-        return passes.size() == 3;
-      },
-      kWait));
-  // First the whole pass, then each observer's first delivery for its own type.
-  std::lock_guard lock(mutex);
-  std::sort(passes.begin() + 1, passes.end());
-  EXPECT_EQ(passes, (std::vector<std::string>{
-                        "HKQuantityTypeIdentifierStepCount HKQuantityTypeIdentifierHeartRate ",
-                        "HKQuantityTypeIdentifierHeartRate ",
-                        "HKQuantityTypeIdentifierStepCount ",
-                    }));
 }
 
 }  // namespace
