@@ -84,10 +84,12 @@ TEST(ExportValues, DeviceDescriptionsSplitOnlyBeforeKnownKeys) {
   ASSERT_TRUE(phone.has_value());
   EXPECT_EQ(*phone, (Device{"iPhone", "Apple Inc.", "iPhone", "iPhone10,4", std::nullopt, "12.3",
                             std::nullopt, std::nullopt}));
-  const std::optional<Device> watch = parseDeviceDescription(
-      "<<HKDevice: 0xc937f6fa0>, name:Apple Watch, manufacturer:Apple Inc., model:Watch, "
-      "hardware:Watch7,2, software:11.6.1, creation date:2025-08-14 23:49:07 +0000>");
-  EXPECT_EQ(watch->softwareVersion, "11.6.1");
+  EXPECT_EQ(parseDeviceDescription(
+                "<<HKDevice: 0xc937f6fa0>, name:Apple Watch, manufacturer:Apple Inc., "
+                "model:Watch, hardware:Watch7,2, software:11.6.1, creation date:2025-08-14 "
+                "23:49:07 +0000>")
+                ->softwareVersion,
+            "11.6.1");
   const std::optional<Device> junk = parseDeviceDescription("Dummy device");
   EXPECT_EQ(junk->name, "Dummy device");
   EXPECT_FALSE(junk->hardwareVersion.has_value());
