@@ -1,11 +1,8 @@
 // The kestrova command as a user runs it: the built binary, the token in KESTROVA_TOKEN, an
 // import of a real export, and the reference server on 127.0.0.1 checked afterwards.
 #include <gtest/gtest.h>
-#include <signal.h>
 
-#include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -26,16 +23,6 @@ constexpr std::string_view kExport =
 // Long enough for any step of a run on a loaded machine; waits end as soon as they can.
 constexpr auto kDeadline = std::chrono::seconds(60);
 
-// One body weight, a type the first export lacks.
-constexpr std::string_view kLaterExport = R"(<?xml version="1.0" encoding="UTF-8"?>
-<HealthData locale="en_US">
- <ExportDate value="2024-06-02 10:00:00 +0000"/>
- <Record type="HKQuantityTypeIdentifierBodyMass" sourceName="Scale" unit="kg"
-  creationDate="2024-06-01 08:00:00 +0000" startDate="2024-06-01 08:00:00 +0000"
-  endDate="2024-06-01 08:00:00 +0000" value="71.5"/>
-</HealthData>
-)";
-
 struct CommandRun {
   int exitCode = -1;
   std::string out;
@@ -54,17 +41,6 @@ std::vector<std::string> words(const std::string& line) {
   return result;
 }
 
-// The complete lines `kestrova watch --json` has written so far, one event each.
-std::vector<nlohmann::json> events(const testing::ChildProcess& watch) {
-  std::vector<nlohmann::json> events;
-  std::istringstream lines(watch.out());
-  std::string line;
-  while (std::getline(lines, line) && !lines.eof()) {
-    events.push_back(nlohmann::json::parse(line));
-  }
-  return events;
-}
-
 class CliTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -76,34 +52,21 @@ class CliTest : public ::testing::Test {
   }
 
   // Runs kestrova with `arguments` (words) and the token, if any, in its environment only, as
-  // a user is told to.
+  // a user is told to. An empty value, when there is no token, hides one the test's own
+  // environment may hold.
   CommandRun kestrova(const std::string& arguments, const std::string& token = "") {
-    auto process = start(arguments, token, "command");
-    const auto exitCode = process->wait(kDeadline);
-    return CommandRun{exitCode.value_or(-1), process->out(), process->err()};
-  }
-
-  std::unique_ptr<testing::ChildProcess> start(const std::string& arguments,
-                                               const std::string& token,
-                                               const std::string& outputName) const {
     auto argv = words(arguments);
     argv.insert(argv.begin(), KESTROVA_CLI_PATH);
     argv.push_back("--data-dir");
     argv.push_back((dir_.path() / "data").string());
-    // An empty value, when there is no token, hides one the test's own environment may hold.
-    return std::make_unique<testing::ChildProcess>(
-        std::move(argv), dir_.path() / (outputName + ".out"), dir_.path() / (outputName + ".err"),
-        std::vector<std::string>{"KESTROVA_TOKEN=" + token});
+    testing::ChildProcess process(std::move(argv), dir_.path() / "command.out",
+                                  dir_.path() / "command.err",
+                                  std::vector<std::string>{"KESTROVA_TOKEN=" + token});
+    const auto exitCode = process.wait(kDeadline);
+    return CommandRun{exitCode.value_or(-1), process.out(), process.err()};
   }
 
-  void import(std::string_view path = kExport, std::string_view text = "") {
-    std::string file(path);
-    if (!text.empty()) {
-      file = (dir_.path() / path).string();
-      std::ofstream(file) << text;
-    }
-    ASSERT_EQ(kestrova("import --quiet " + file).exitCode, 0);
-  }
+  void import() { ASSERT_EQ(kestrova("import --quiet " + std::string(kExport)).exitCode, 0); }
 
   std::string token() const { return server_->tokenFor(std::string(kProfile)); }
 
@@ -274,56 +237,6 @@ TEST_F(CliTest, FilesRefusedFiveTimesAreSetAsideAndComeBackWithRetry) {
   ASSERT_EQ(delivered.exitCode, 0) << delivered.err;
   EXPECT_EQ(delivered.json()["deliveredFiles"], waiting);
   EXPECT_EQ(kestrova("pending --json").json(), nlohmann::json::array());
-}
-
-TEST_F(CliTest, AFileAnsweredWithRetryAfterIsNotSentAgainSoonerAndSigtermStopsTheWatchCleanly) {
-  import("later.xml", kLaterExport);
-  server::FaultPlan busy;
-  busy.script = server::FaultPlan::parseScript("503:retry-after=2").value();
-  busy.pathPrefix = "/api/v1.3/ingest/";
-  server_->setFaults(busy);
-
-  // Backoff alone would send it again within a fifth of a second; the types go by name.
-  auto watch =
-      start("watch --json --since 2010-01-01 --types bodyMass --max-retry-delay 0.2 --url " +
-                server_->baseUrl(),
-            token(), "watch");
-  EXPECT_TRUE(testing::eventually(
-      [&] {
-        const auto seen = events(*watch);
-        return std::any_of(seen.begin(), seen.end(), [](const auto& event) {
-          return event["event"] == "progress" && event["pendingFiles"] == 0 &&
-                 event["deliveredFiles"] == 1;
-        });
-      },
-      kDeadline))
-      << watch->err();
-  EXPECT_EQ(watch->stop(SIGTERM, kDeadline), 0) << watch->err();
-
-  const auto log = server_->requestLog();
-  const auto refused = std::find_if(log.begin(), log.end(),
-                                    [](const auto& request) { return request.outcome == "503"; });
-  ASSERT_NE(refused, log.end());
-  const auto again = std::find_if(refused + 1, log.end(), [&](const auto& request) {
-    return request.path == refused->path && request.bodyHash == refused->bodyHash;
-  });
-  ASSERT_NE(again, log.end());
-  EXPECT_EQ(again->outcome, "200");
-  EXPECT_GE(again->arrived - refused->arrived, std::chrono::seconds(2));
-  EXPECT_TRUE(schemasReceived().contains("omh:body-weight"));
-  const auto written = events(*watch);
-  const auto retries = std::count_if(written.begin(), written.end(),
-                                     [](const auto& event) { return event["event"] == "retry"; });
-  EXPECT_GE(retries, 1);
-  EXPECT_EQ(written.back()["event"], "stopped");
-  EXPECT_EQ(written.back()["signal"], "SIGTERM");
-  EXPECT_EQ(written.back()["retries"], retries);
-  EXPECT_EQ(written.back()["failedUploads"], 1);
-  // No hidden file, a half-written upload, is left behind.
-  for (const auto& entry :
-       std::filesystem::recursive_directory_iterator(dir_.path() / "data" / "Kestrova")) {
-    EXPECT_FALSE(entry.path().filename().string().starts_with(".")) << entry.path();
-  }
 }
 
 }  // namespace

@@ -168,12 +168,11 @@ class CollectorTest : public ::testing::Test {
   }
 
   std::shared_ptr<SampleCollector> collector(std::set<std::string, std::less<>> enabled,
-                                             SystemVersion system = {}, bool configured = true) {
+                                             bool configured = true) {
     SampleCollector::Environment environment;
     environment.store = scripted_;
     environment.anchors = std::make_shared<AnchorStore>(test_.platform->defaults);
     environment.clock = test_.clock;
-    environment.system = system;
     environment.encodingQueue = test_.platform->dispatcher->mainQueue();
     environment.settings = [this, enabled,
                             configured]() -> std::optional<SampleCollector::Settings> {
@@ -222,30 +221,6 @@ class CollectorTest : public ::testing::Test {
   std::shared_ptr<API> api_;
   Date next_ = testing::utc(2024, 3, 1);
 };
-
-TEST_F(CollectorTest, ObservesEachEnabledTypeOnceHoweverOftenStarted) {
-  std::set<std::string, std::less<>> all;
-  for (const auto& type : readTypes(SystemVersion{})) {
-    all.emplace(type.identifier());
-  }
-  // Anchored fetches leave the running set once delivered; observers stay: workouts, sleep,
-  // mindful sessions, electrocardiograms (from 14.0) and eleven body measurements.
-  const std::tuple<std::set<std::string, std::less<>>, SystemVersion, std::size_t> cases[] = {
-      {all, SystemVersion{}, 15},
-      {all, SystemVersion{13, 0}, 14},
-      {{std::string(kBodyMass), "HKWorkoutTypeIdentifier"}, SystemVersion{}, 2},
-  };
-  for (const auto& [enabled, system, observers] : cases) {
-    auto observing = collector(enabled, system);
-    observing->startObserving();
-    observing->startObserving();
-    EXPECT_TRUE(
-        testing::eventually([&] { return observing->runningQueryCount() == observers; }, kWait))
-        << observing->runningQueryCount() << " instead of " << observers;
-    observing->stopObserving();
-    EXPECT_EQ(observing->runningQueryCount(), 0u);
-  }
-}
 
 TEST_F(CollectorTest, TheAnchorMovesOnlyOnceTheDeliveryIsInFilesOfAtMost5000Points) {
   auto body = collector({std::string(kBodyMass)});
@@ -338,7 +313,7 @@ TEST_F(CollectorTest, OneFetchOfATypeAtATimeAndNothingOfAStoppedConnectionIsKept
 }
 
 TEST_F(CollectorTest, WithoutAConfigurationNothingIsObservedButDeliveryIsEnabled) {
-  auto unconfigured = collector({}, SystemVersion{}, /*configured=*/false);
+  auto unconfigured = collector({}, /*configured=*/false);
   unconfigured->startObserving();
   EXPECT_EQ(unconfigured->runningQueryCount(), 0u);
   for (const auto& type : readTypes(SystemVersion{})) {

@@ -23,16 +23,14 @@ using std::chrono::minutes;
 using std::chrono::seconds;
 using testing::utc;
 
-// How the scripted session answers a request.
-struct Answer {
-  std::optional<int> status;  // none: a completion without an HTTP response
-  bool transportError = false;
-  std::optional<std::string> retryAfter = std::nullopt;
-};
+// Scripted answers besides HTTP statuses: a transport error, or a completion without an HTTP
+// response.
+constexpr int kTransportError = -1;
+constexpr int kNoResponse = 0;
 
 // Records every request and completes it with the next scripted answer (200 when the script is
-// empty): at once, or with 200 on release() while held. Its mutex owns the requests, the
-// script and the held answers.
+// empty), or keeps the completions while held. Its mutex owns the requests, the
+// script and the held completions.
 class ScriptedSession : public URLSession {
  public:
   struct Task : URLSessionDataTask {
@@ -47,53 +45,47 @@ class ScriptedSession : public URLSession {
     task->run = [this, request = std::move(request), completion] {
       std::unique_lock lock(mutex_);
       requests_.push_back(request);
-      const HTTPURLResponse ok{request.url, 200, {}};
-      if (hold_) {
-        held_.push_back([ok, completion] { completion(Bytes{}, ok, std::nullopt); });
-        return;
-      }
-      Answer answer{200};
+      int status = 200;
       if (!script_.empty()) {
-        answer = script_.front();
+        status = script_.front();
         script_.pop_front();
       }
+      auto complete = [status, completion, url = request.url] {
+        if (status == kTransportError) {
+          completion(std::nullopt, std::nullopt, Error{"NSURLErrorDomain", -1004, "refused"});
+        } else if (status == kNoResponse) {
+          completion(std::nullopt, std::nullopt, std::nullopt);
+        } else {
+          completion(Bytes{}, HTTPURLResponse{url, status, {}}, std::nullopt);
+        }
+      };
+      if (hold_) {
+        held_.push_back(std::move(complete));
+        return;
+      }
       lock.unlock();
-      HTTPHeaders headers;
-      if (answer.retryAfter) {
-        headers.emplace_back("Retry-After", *answer.retryAfter);
-      }
-      if (answer.transportError) {
-        completion(std::nullopt, std::nullopt, Error{"NSURLErrorDomain", -1004, "refused"});
-      } else if (!answer.status) {
-        completion(std::nullopt, std::nullopt, std::nullopt);
-      } else {
-        completion(Bytes{}, HTTPURLResponse{request.url, *answer.status, headers}, std::nullopt);
-      }
+      complete();
     };
     return task;
   }
   void invalidateAndCancel() override {}
 
-  void script(std::vector<Answer> answers) {
+  void script(std::vector<int> statuses) {
     std::lock_guard lock(mutex_);
-    script_.assign(answers.begin(), answers.end());
+    script_.assign(statuses.begin(), statuses.end());
   }
   std::vector<URLRequest> requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
   }
-  void hold() {
-    std::lock_guard lock(mutex_);
-    hold_ = true;
-  }
-  // Answers the held requests and the next ones at once.
-  void release() {
+  // While holding, answers wait; ending the hold gives them and the next ones at once.
+  void hold(bool holding) {
     std::unique_lock lock(mutex_);
-    hold_ = false;
+    hold_ = holding;
     auto held = std::exchange(held_, {});
     lock.unlock();
-    for (const auto& answer : held) {
-      answer();
+    for (const auto& complete : held) {
+      complete();
     }
   }
 
@@ -102,7 +94,7 @@ class ScriptedSession : public URLSession {
   bool hold_ = false;
   std::vector<std::function<void()>> held_;
   std::vector<URLRequest> requests_;
-  std::deque<Answer> script_;
+  std::deque<int> script_;
 };
 
 ObjectType type(std::string_view identifier) {
@@ -256,15 +248,13 @@ TEST_F(DataManagerTest, EachFamilyArmsOnlyItsOwnTimer) {
 TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
   struct Case {
     const char* name;
-    Answer answer;
+    int status;
     bool marked;
   };
   const Case cases[] = {
-      {"201", {201}, false},
-      {"204", {204}, false},
-      {"500", {500}, false},
-      {"transport error", {std::nullopt, true}, false},
-      {"no HTTP response", {std::nullopt}, true},
+      {"201", {201}, false},           {"204", {204}, false},
+      {"500", {500}, false},           {"transport error", {kTransportError}, false},
+      {"no HTTP response", {0}, true},
   };
   for (const auto& c : cases) {
     // On the queue that owns the store: the previous case may still be marking.
@@ -272,7 +262,7 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
         [&] { StatisticsStore(test_.platform->defaults, test_.clock, std::nullopt).deleteAll(); });
     manager_ = make(utc(2024, 1, 1));
     storeBeats(1, nine_);
-    session_->script({c.answer});
+    session_->script({c.status});
     const auto before = sent();
     advance(seconds(3));
     ASSERT_EQ(sent(), before + 1) << c.name;
@@ -287,28 +277,9 @@ TEST_F(DataManagerTest, OnlyStatus200OrANonHttpAnswerMarksTheRecords) {
   EXPECT_TRUE(log_->contains("Error executing heart rate samples upload request: refused"));
 }
 
-TEST_F(DataManagerTest, AFamilyIsNotSentAgainBeforeItsRetryAfterEnds) {
-  storeBeats(1, nine_);
-  session_->script({{503, false, "10"}});
-  advance(seconds(3));
-  ASSERT_EQ(sent(), 1u);
-  // The next batch arms the tick 3 s on, but the pause runs 10 s from the answer; another
-  // family is not held back.
-  storeBeats(1, nine_);
-  manager_->storeDailySummaryStatistics(steps(nine_, nine_ + minutes(10), 5),
-                                        DataManager::currentEpoch());
-  advance(seconds(3));
-  EXPECT_EQ(sent(), 2u);
-  advance(seconds(6) + milliseconds(999));
-  EXPECT_EQ(sent(), 2u);
-  advance(milliseconds(1));
-  ASSERT_EQ(sent(), 3u);
-  EXPECT_EQ(schemaOf(session_->requests()[2]), "ks-heart-rate-sample");
-}
-
 TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
   storeBeats(5001, nine_);
-  session_->script({{200}, {503}});
+  session_->script({200, 503});
   advance(seconds(3));
   ASSERT_EQ(sent(), 2u);
   EXPECT_EQ(body(session_->requests()[0]).size(), 5000u);
@@ -323,7 +294,7 @@ TEST_F(DataManagerTest, LargeUploadsAreSplitAndEachPartIsMarkedOnItsOwn) {
 }
 
 TEST_F(DataManagerTest, ATickWaitsForThePreviousAnswerAndAFigureGrownMeanwhileStaysNew) {
-  session_->hold();
+  session_->hold(true);
   storeBeats(2, nine_);
   queue()->sync([] {});
   test_.clock->advance(seconds(3));
@@ -340,7 +311,7 @@ TEST_F(DataManagerTest, ATickWaitsForThePreviousAnswerAndAFigureGrownMeanwhileSt
   // The answer marks what was read at the first tick; the changed figure goes with the next.
   // The tick ends when its last request is released, which the operation queue may do after
   // the count reaches zero.
-  session_->release();
+  session_->hold(false);
   testing::eventually([&] { return sent() == 2; }, seconds(20));
   settle();
   ASSERT_EQ(sent(), 2u);
@@ -349,7 +320,8 @@ TEST_F(DataManagerTest, ATickWaitsForThePreviousAnswerAndAFigureGrownMeanwhileSt
   EXPECT_EQ(resent[0]["body"]["avg"], 75);
 }
 
-TEST_F(DataManagerTest, NothingIsSentWithoutAProfileAfterTheManagerIsGoneOrForAnEndedConnection) {
+TEST_F(DataManagerTest,
+       NothingIsSentWithoutAProfileOrAManagerOrForAnEndedConnectionAndTheNextManagerSendsTheRest) {
   ProfileStore(test_.platform->defaults).remove();
   storeBeats(2, nine_);
   advance(seconds(3));
@@ -357,16 +329,20 @@ TEST_F(DataManagerTest, NothingIsSentWithoutAProfileAfterTheManagerIsGoneOrForAn
 
   ProfileStore(test_.platform->defaults).store(Profile{"p1"});
   storeBeats(2, nine_);
+  storeBeats(1, utc(2024, 2, 29, 22));
   manager_.reset();
   advance(seconds(3));
   EXPECT_EQ(sent(), 0u);
-  // Work already queued does not depend on the manager: the figures were recorded and are
-  // still new for the next manager.
-  manager_ = make(utc(2024, 1, 1));
-  storeBeats(1, nine_);
-  advance(seconds(3));
+  // Work already queued does not depend on the manager: the figures were recorded. The next
+  // manager, starting on 2024-03-01 (Berlin), prunes the day before and sends the figures
+  // still new without waiting for a new batch.
+  manager_ = make(utc(2024, 3, 1, 8));
+  settle();
   ASSERT_EQ(sent(), 1u);
   EXPECT_EQ(body(session_->requests()[0]).size(), 2u);
+  EXPECT_EQ(test_.platform->defaults->keys("heart-rate-samples/"),
+            (std::vector<std::string>{"heart-rate-samples/2024-03-01T09:00:00.000",
+                                      "heart-rate-samples/2024-03-01T09:15:00.000"}));
 
   // A pass started before a disconnect delivers after it: nothing of it may come back.
   const auto ended = DataManager::currentEpoch();
@@ -378,26 +354,6 @@ TEST_F(DataManagerTest, NothingIsSentWithoutAProfileAfterTheManagerIsGoneOrForAn
   advance(seconds(3));
   EXPECT_EQ(sent(), 1u);
   EXPECT_TRUE(test_.platform->defaults->keys("heart-rate-samples").empty());
-}
-
-TEST_F(DataManagerTest, ConstructionPrunesOldStatisticsAndSendsTheRest) {
-  manager_->storeDailyDetailStatistics(steps(utc(2024, 2, 29, 22), utc(2024, 2, 29, 22, 15), 9),
-                                       type(kStepCountIdentifier), DataManager::currentEpoch());
-  manager_->storeDailyDetailStatistics(steps(nine_, nine_ + minutes(15), 10),
-                                       type(kStepCountIdentifier), DataManager::currentEpoch());
-  settle();
-  manager_.reset();
-
-  // Starting on 2024-03-01 (Berlin): the interval of 23:00 Berlin the day before goes.
-  manager_ = make(utc(2024, 3, 1, 8));
-  settle();
-  // The figure left new goes without a new batch; the pruned one is not in it.
-  ASSERT_EQ(sent(), 1u);
-  const auto figures = body(session_->requests()[0]);
-  ASSERT_EQ(figures.size(), 1u);
-  EXPECT_EQ(figures[0]["header"]["id"], "p1-ks-daily-detail-2024-03-01T10:00:00.000");
-  EXPECT_EQ(test_.platform->defaults->keys("step-count-samples"),
-            std::vector<std::string>{"step-count-samples/2024-03-01T09:00:00.000"});
 }
 
 }  // namespace

@@ -26,18 +26,6 @@ class StatisticsRecordsTest : public ::testing::Test {
   void SetUp() override { test_ = testing::makeTestPlatform(dir_.path()); }
   void TearDown() override { installPlatform(nullptr); }
 
-  static DailySummary summary() {
-    DailySummary day;
-    day.date = "2024-03-01";
-    day.distance = 6100.5;
-    day.stepCount = 8042;
-    day.basalEnergyBurned = 1650;
-    day.activeEnergyBurned = 500;
-    day.totalEnergyBurned = 2150;
-    day.hasNewData = true;
-    return day;
-  }
-
   testing::TempDir dir_;
   testing::TestPlatform test_;
 };
@@ -71,15 +59,21 @@ TEST_F(StatisticsRecordsTest, TheTwoPassesThroughARepeatedHourHaveTheirOwnIds) {
 }
 
 TEST_F(StatisticsRecordsTest, SummarySchemaDependsOnHeartRatesAndCreationOnTheClock) {
+  DailySummary day;
+  day.date = "2024-03-01";
+  day.distance = 6100.5;
+  day.stepCount = 8042;
+  day.basalEnergyBurned = 1650;
+  day.activeEnergyBurned = 500;
+  day.totalEnergyBurned = 2150;
+  day.hasNewData = true;
   const auto encodedAt = utc(2024, 3, 2, 6, 30);
-  EXPECT_EQ(encodeDailySummary(summary(), "p1", encodedAt), golden("daily_summary.json"));
+  EXPECT_EQ(encodeDailySummary(day, "p1", encodedAt), golden("daily_summary.json"));
 
-  auto withHeartRates = summary();
-  withHeartRates.heartRates = {
+  day.heartRates = {
       HeartRate{utc(2024, 2, 29, 23), utc(2024, 3, 1, 23), body::HeartRate::average, 68},
       HeartRate{utc(2024, 3, 1, 5, 10), std::nullopt, std::nullopt, 55}};
-  EXPECT_EQ(encodeDailySummary(withHeartRates, "p1", encodedAt),
-            golden("daily_summary_with_heart_rate.json"));
+  EXPECT_EQ(encodeDailySummary(day, "p1", encodedAt), golden("daily_summary_with_heart_rate.json"));
 }
 
 }  // namespace
