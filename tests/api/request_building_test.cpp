@@ -36,8 +36,6 @@ TEST(ComposeURL, JoinsBaseAndPathWithTheTrailingSlashOnlyWithoutQuery) {
       {"https://h/api/", info("v1.3/profile/"), "https://h/api/v1.3/profile/"},
       {"https://h/api/", info("v1.3/profile/", ab), "https://h/api/v1.3/profile?a=b"},
       {"https://h/api", info("v1.3/profile/"), "https://h/api/v1.3/profile/"},
-      {"https://h/api/", info("v1.3/profile/", std::vector<URLQueryItem>{}),
-       "https://h/api/v1.3/profile?"},
       {"https://h//api//", info("//v1.3//ingest//"), "https://h/api/v1.3/ingest/"},
       // Only scheme, host and port come from the base.
       {"https://u:p@h/api/?x=1#frag", info("v1.3/ingest/"), "https://h/api/v1.3/ingest/"},
@@ -102,16 +100,6 @@ TEST(BuildRequest, AuthorizationFollowsTheTokenRulesAndFailuresNameTheirCause) {
   // The file stays: whether it goes is the upload's decision.
   EXPECT_TRUE(files.read(orphan, true));
   installPlatform(nullptr);
-}
-
-TEST(DescribeHeaders, RedactsEveryAuthorizationValue) {
-  EXPECT_EQ(describeHeaders({}), "[:]");
-  EXPECT_EQ(describeHeaders({{"Content-Type", "application/json"},
-                             {"Authorization", "Bearer eyJ.secret.sig"},
-                             {"authorization", "Basic dXNlcg=="},
-                             {"Version", "1"}}),
-            R"(["Content-Type": "application/json", "Authorization": "Bearer <redacted>", )"
-            R"("authorization": "Bearer <redacted>", "Version": "1"])");
 }
 
 TEST(UnitsTable, EachUnitHasItsTextAndDecimals) {
