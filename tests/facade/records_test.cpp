@@ -22,13 +22,6 @@ TEST(KestrovaConfigTest, DefaultsApplyOnlyToAbsentParameters) {
   const auto& all = Type::allCases();
   EXPECT_EQ(config.enabledDataTypes(), std::vector<Type>(all.begin(), all.end()));
 
-  const auto start = utc(2020, 5, 1);
-  const KestrovaConfig explicitOnes("t", "http://127.0.0.1:8080/api/", start,
-                                    std::vector<Type>{Type::heartRate});
-  EXPECT_EQ(explicitOnes.url(), "http://127.0.0.1:8080/api/");
-  EXPECT_EQ(explicitOnes.startDate(), start);
-  EXPECT_EQ(explicitOnes.enabledDataTypes(), std::vector<Type>{Type::heartRate});
-
   // An explicit empty list enables nothing; integer lists keep order and duplicates.
   EXPECT_TRUE(KestrovaConfig("t", std::nullopt, std::nullopt, std::vector<Type>{})
                   .enabledDataTypes()
@@ -57,9 +50,7 @@ TEST(KestrovaHealthKitDataType, RawValuesAndNames) {
             "14:electrocardiogram 15:heartRate 16:heartRateVariabilitySDNN 17:height "
             "18:mindfulSession 19:oxygenSaturation 20:restingHeartRate 21:sleepAnalysis "
             "22:stepCount 23:vo2Max 24:workout ");
-  EXPECT_EQ(Type::fromRawValue(22)->name(), "stepCount");
-  EXPECT_FALSE(Type::fromRawValue(25));
-  EXPECT_FALSE(Type::fromRawValue(-1));
+  EXPECT_FALSE(Type::fromRawValue(25) || Type::fromRawValue(-1));
 }
 
 TEST(KestrovaHealthKitError, CodesDescriptionsAndGenericForm) {
@@ -86,9 +77,6 @@ TEST(KestrovaHealthKitError, CodesDescriptionsAndGenericForm) {
     EXPECT_EQ(generic.code, static_cast<int>(code));
     EXPECT_EQ(generic.localizedDescription, description);
   }
-  EXPECT_EQ(E::invalidToken("abc").payload(), "abc");
-  EXPECT_FALSE(E::invalidHost().payload());
-  EXPECT_NE(E::failedToValidateProfile("a"), E::failedToValidateProfile("b"));
 }
 
 }  // namespace

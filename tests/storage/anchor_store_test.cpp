@@ -74,7 +74,6 @@ TEST_F(StorageTest, DamagedAnchorsYieldNoneAndStayInPlace) {
   AnchorStore anchors(defaults_);
   const std::string key = "KestrovaAnchorKeyHKQuantityTypeIdentifierStepCount";
   const std::vector<Bytes> damaged = {
-      Bytes{},
       toBytes("not an anchor"),
       Bytes{'K', 'Q', 'A', 1, 0, 0, 0},                 // one byte short
       Bytes{'K', 'Q', 'A', 2, 0, 0, 0, 0, 0, 0, 0, 1},  // a format version we do not know
