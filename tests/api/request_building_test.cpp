@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <tuple>
 
 #include "api/request_builder.h"
@@ -17,35 +18,33 @@ URLComponents components(std::string_view text) {
   return parsed.value_or(URLComponents());
 }
 
-URLRequestInfo info(std::string path,
-                    std::optional<std::vector<URLQueryItem>> queryItems = std::nullopt) {
+URLRequestInfo info(std::string path, std::optional<FileNameComponents> file = std::nullopt,
+                    std::optional<bool> bulk = std::nullopt) {
   URLRequestInfo request;
   request.path = std::move(path);
-  request.queryItems = std::move(queryItems);
+  request.fileName = std::move(file);
+  request.bulk = bulk;
   return request;
 }
 
 TEST(ComposeURL, JoinsBaseAndPathWithTheTrailingSlashOnlyWithoutQuery) {
-  struct Case {
-    std::string base;
-    URLRequestInfo info;
-    std::optional<std::string> expected;
-  };
-  const std::vector<URLQueryItem> ab = {{"a", "b"}};
-  const std::vector<Case> cases = {
-      {"https://h/api/", info("v1.3/profile/"), "https://h/api/v1.3/profile/"},
-      {"https://h/api/", info("v1.3/profile/", ab), "https://h/api/v1.3/profile?a=b"},
-      {"https://h/api", info("v1.3/profile/"), "https://h/api/v1.3/profile/"},
-      {"https://h//api//", info("//v1.3//ingest//"), "https://h/api/v1.3/ingest/"},
+  // Base, request path, URL.
+  const std::vector<std::array<std::string, 3>> cases = {
+      {"https://h/api/", "v1.3/profile/", "https://h/api/v1.3/profile/"},
+      {"https://h/api", "v1.3/profile/", "https://h/api/v1.3/profile/"},
+      {"https://h//api//", "//v1.3//ingest//", "https://h/api/v1.3/ingest/"},
       // Only scheme, host and port come from the base.
-      {"https://u:p@h/api/?x=1#frag", info("v1.3/ingest/"), "https://h/api/v1.3/ingest/"},
+      {"https://u:p@h/api/?x=1#frag", "v1.3/ingest/", "https://h/api/v1.3/ingest/"},
       // Characters a path cannot carry are encoded; escapes already there are kept.
-      {"https://h/api/", info("v1.3/profile/a b/"), "https://h/api/v1.3/profile/a%20b/"},
-      {"https://h/api/", info("v1.3/profile/a%2Fb/"), "https://h/api/v1.3/profile/a%2Fb/"},
+      {"https://h/api/", "v1.3/profile/a b/", "https://h/api/v1.3/profile/a%20b/"},
+      {"https://h/api/", "v1.3/profile/a%2Fb/", "https://h/api/v1.3/profile/a%2Fb/"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(composeURL(components(c.base), c.info), c.expected) << c.base << " + " << c.info.path;
+  for (const auto& [base, path, url] : cases) {
+    EXPECT_EQ(composeURL(components(base), info(path)), url) << base << path;
   }
+  auto query = info("v1.3/profile/");
+  query.queryItems = std::vector<URLQueryItem>{{"a", "b"}};
+  EXPECT_EQ(composeURL(components("https://h/api/"), query), "https://h/api/v1.3/profile?a=b");
 }
 
 TEST(BuildRequest, AuthorizationFollowsTheTokenRulesAndFailuresNameTheirCause) {
@@ -57,9 +56,11 @@ TEST(BuildRequest, AuthorizationFollowsTheTokenRulesAndFailuresNameTheirCause) {
   tokens.saveToken("token-of-p1", "p1");
   const FileNameComponents file{"sample", "p1", utc(2024, 3, 1, 8)};
   const FileNameComponents orphan{"sample", "gone", utc(2024, 3, 1, 8)};
-  for (const auto& name : {file, orphan}) {
+  const FileNameComponents damaged{"damaged", "p1", utc(2024, 3, 1, 8)};
+  for (const auto& [name, contents] : std::vector<std::pair<FileNameComponents, std::string>>{
+           {file, "[]"}, {orphan, "[]"}, {damaged, "{not json"}}) {
     ASSERT_FALSE(
-        test.platform->files->createFileAtomically(*files.fileURL(name, true), toBytes("[]")));
+        test.platform->files->createFileAtomically(*files.fileURL(name, true), toBytes(contents)));
   }
   struct Case {
     std::string base;
@@ -77,16 +78,14 @@ TEST(BuildRequest, AuthorizationFollowsTheTokenRulesAndFailuresNameTheirCause) {
       // "v1.3/..." cannot follow a host without a path; nothing else is looked at.
       {"https://h", std::nullopt, FileNameComponents{"missing", "nobody", utc(2024, 3, 1)}, true,
        "NSURLErrorDomain -1000"},
-      // An absent flag names the single directory, where the file is not.
-      {"https://h/api/", std::nullopt, file, std::nullopt, "NSURLErrorDomain -3000"},
+      // Not JSON: unreadable, and dropped, as sending it again would fail for ever.
+      {"https://h/api/", std::nullopt, damaged, true, "NSURLErrorDomain -3000"},
       {"https://h/api/", std::nullopt, orphan, true,
        "KestrovaLib.KestrovaHealthKitError 1: No token available for profile ID: gone"},
   };
   for (const auto& c : cases) {
-    auto request = info("v1.3/ingest/");
-    request.fileName = c.file;
-    request.bulk = c.bulk;
-    const auto built = buildRequest(request, components(c.base), c.token, files, tokens);
+    const auto built = buildRequest(info("v1.3/ingest/", c.file, c.bulk), components(c.base),
+                                    c.token, files, tokens);
     HTTPHeaders expected = {{"Content-Type", "application/json"}};
     if (!c.expected.empty()) {
       expected.emplace_back("Authorization", c.expected);
@@ -97,7 +96,8 @@ TEST(BuildRequest, AuthorizationFollowsTheTokenRulesAndFailuresNameTheirCause) {
       EXPECT_EQ(built.error().text(), c.expected);
     }
   }
-  // The file stays: whether it goes is the upload's decision.
+  EXPECT_FALSE(test.platform->files->readFile(*files.fileURL(damaged, true)).ok());
+  // The orphan stays: whether it goes is the upload's decision.
   EXPECT_TRUE(files.read(orphan, true));
   installPlatform(nullptr);
 }

@@ -1,6 +1,7 @@
 // The reference server as the end-to-end tests and the benchmark use it: tokens, and ingest with
-// duplicates counted by id. Its faults (statuses, Retry-After, drops, held answers) are what the
-// upload network tests run against; the soak test drives its admin endpoint.
+// duplicates counted by id (its statistics serve the fuzzing script only). Its faults (statuses,
+// Retry-After, drops, held answers) are what the upload network tests run against; the soak test
+// drives its admin endpoint.
 #include "server/server.h"
 
 #include <gtest/gtest.h>
@@ -53,19 +54,14 @@ TEST_F(ReferenceServer, ProfileIsAnsweredOnlyForTheTokensOwnProfile) {
   EXPECT_EQ(own->status, 200);
   EXPECT_EQ(json::parse(own->body), (json{{"id", "team/p1"}}));
 
-  const std::vector<httplib::Headers> refused = {
-      {},
-      headers("p2"),
-      {{"Authorization", "Bearer " + mintToken("another-secret", "p1")}},
-      {{"Authorization", "Basic " + server_->tokenFor("p1")}},
-  };
-  for (const auto& fields : refused) {
+  for (const auto& fields : std::vector<httplib::Headers>{
+           headers("p2"), {{"Authorization", "Bearer " + mintToken("another-secret", "p1")}}}) {
     auto answer = client().Get("/api/v1.3/profile/p1/", fields);
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->status, 403);
     EXPECT_EQ(json::parse(answer->body).at("error"), "forbidden");
   }
-  // The token is checked before the body.
+  // No token at all, and checked before the body.
   EXPECT_EQ(client().Post(kBulk, "not json", "application/json")->status, 403);
 }
 
@@ -88,11 +84,6 @@ TEST_F(ReferenceServer, ADuplicateReplacesTheStoredDataPointAndIsCounted) {
   EXPECT_EQ(replaced->version, "2.0");
   EXPECT_EQ(replaced->receipts, 2);
   EXPECT_EQ(server_->dataPoints("p1").size(), 3u);
-
-  const auto stats = json::parse(client().Get("/api/v1.3/_stats")->body);
-  EXPECT_EQ(stats.at("data_points"), 4);
-  EXPECT_EQ(stats.at("duplicates"), 1);
-  EXPECT_EQ(stats.at("repeated_by_schema").at("ks:heart-rate:1.0"), 1);
 }
 
 }  // namespace
