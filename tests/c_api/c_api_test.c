@@ -55,13 +55,10 @@ static void host_executor(void* user_data, kestrova_work work, void* work_contex
 static void host_turn(void) {
   for (;;) {
     pthread_mutex_lock(&host_mutex);
-    const bool any = host_head != host_tail;
-    host_item item = {NULL, NULL};
-    if (any) {
-      item = host_items[host_head++ % HOST_CAPACITY];
-    }
+    const host_item item =
+        host_head != host_tail ? host_items[host_head++ % HOST_CAPACITY] : (host_item){NULL, NULL};
     pthread_mutex_unlock(&host_mutex);
-    if (!any) {
+    if (item.work == NULL) {
       break;
     }
     running_host_item = true;
