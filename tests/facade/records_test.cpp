@@ -14,7 +14,6 @@ TEST(KestrovaConfigTest, DefaultsApplyOnlyToAbsentParameters) {
   const auto test = kestrova::testing::makeTestPlatform(dir.path(), "Europe/Berlin");
   test.clock->set(utc(2021, 3, 30, 10));  // 12:00 in Berlin, summer time
   const KestrovaConfig config("t");
-  EXPECT_EQ(config.token(), "t");
   EXPECT_EQ(config.url(), "https://api.kestrova.com/api/");
   // 20 calendar days back is 12:00 in Berlin on 10 March, winter time: 11:00 UTC.
   EXPECT_EQ(config.startDate(), utc(2021, 3, 10, 11));

@@ -15,8 +15,8 @@
 
 #include "platform/clock.h"
 #include "platform/dispatch.h"
+#include "platform/held_operation.h"
 #include "platform/operation_queue.h"
-#include "platform/stepped.h"
 #include "platform/url_session.h"
 #include "support/child_process.h"
 

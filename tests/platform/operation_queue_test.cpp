@@ -4,11 +4,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
 #include "platform/dispatch_group.h"
-#include "platform/stepped.h"
+#include "platform/held_operation.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -17,7 +19,29 @@ namespace {
 using namespace std::chrono_literals;
 
 using testing::HeldOperation;
-using testing::SteppedQueue;
+
+// Runs its work only when the test calls runAll, on the test's thread, so every hand-over to
+// the queue is a visible step.
+class SteppedQueue : public DispatchQueue {
+ public:
+  const std::string& label() const override { return label_; }
+  QualityOfService qualityOfService() const override { return QualityOfService::utility; }
+  void async(std::function<void()> work) override { pending_.push_back(std::move(work)); }
+  void sync(std::function<void()> work) override { work(); }
+  bool isCurrent() const override { return false; }
+  // Runs work until none is left, including work submitted meanwhile.
+  void runAll() {
+    while (!pending_.empty()) {
+      auto work = std::move(pending_.front());
+      pending_.pop_front();
+      work();
+    }
+  }
+
+ private:
+  const std::string label_ = "stepped";
+  std::deque<std::function<void()>> pending_;  // owned by the test's thread
+};
 
 // Records its name in `journal` when its main runs.
 class RecordingOperation : public Operation {
@@ -46,7 +70,6 @@ TEST_F(OperationQueueTest, OneAtATimeInOrderAndAnAsynchronousOneHoldsTheSlotUnti
   queue_->addOperation(std::make_shared<RecordingOperation>(journal_, "first"));
   queue_->addOperation(request);
   queue_->addOperation(std::make_shared<RecordingOperation>(journal_, "after request"));
-  EXPECT_EQ(queue_->operationCount(), 3u);
   dispatch_->runAll();
   EXPECT_EQ(journal_, std::vector<std::string>{"first"});
   EXPECT_TRUE(request->isExecuting());
@@ -125,44 +148,42 @@ TEST(OperationQueueThreads, OperationsAddedFromManyThreadsNeverOverlapOnARealQue
   auto dispatcher = makeDispatcher();
   auto queue = OperationQueue::make("real", QualityOfService::utility,
                                     dispatcher->makeSerialQueue("ops", QualityOfService::utility));
+  struct Shared {
+    std::atomic<int> running{0};
+    std::atomic<int> overlaps{0};
+    DispatchGroup done;
+  } shared;
   // Each finishes from a thread of its own, as a network callback would.
   class Overlapping : public HeldOperation {
    public:
-    Overlapping(std::atomic<int>& running, std::atomic<int>& overlaps, DispatchGroup& done)
-        : running_(running), overlaps_(overlaps), done_(done) {}
+    explicit Overlapping(Shared& shared) : shared_(shared) {}
     void start() override {
-      overlaps_ += running_.fetch_add(1) != 0 ? 1 : 0;
+      shared_.overlaps += shared_.running.fetch_add(1) != 0 ? 1 : 0;
       HeldOperation::start();
       std::thread([this, self = shared_from_this()] {
-        running_.fetch_sub(1);
+        shared_.running.fetch_sub(1);
         finish();
-        done_.leave();
+        shared_.done.leave();
       }).detach();
     }
 
    private:
-    std::atomic<int>& running_;
-    std::atomic<int>& overlaps_;
-    DispatchGroup& done_;
+    Shared& shared_;
   };
-
-  std::atomic<int> running{0};
-  std::atomic<int> overlaps{0};
-  DispatchGroup done;
   std::vector<std::thread> adders;
   for (int t = 0; t < 4; ++t) {
     adders.emplace_back([&] {
       for (int i = 0; i < 25; ++i) {
-        done.enter();
-        queue->addOperation(std::make_shared<Overlapping>(running, overlaps, done));
+        shared.done.enter();
+        queue->addOperation(std::make_shared<Overlapping>(shared));
       }
     });
   }
   for (auto& adder : adders) {
     adder.join();
   }
-  ASSERT_TRUE(done.wait(10s));
-  EXPECT_EQ(overlaps.load(), 0);
+  ASSERT_TRUE(shared.done.wait(10s));
+  EXPECT_EQ(shared.overlaps.load(), 0);
   // Each leave() follows its operation's announcement, so the count is settled by now.
   EXPECT_EQ(queue->operationCount(), 0u);
 }

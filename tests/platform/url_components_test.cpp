@@ -65,14 +65,6 @@ TEST(URLComponentsUrl, IsNoneWhenThePartsDoNotFormAUrl) {
   URLComponents noAuthority;
   ASSERT_TRUE(noAuthority.setPercentEncodedPath("//looks/like/authority"));
   EXPECT_EQ(noAuthority.url(), std::nullopt);
-
-  // Parts set from plain text are encoded.
-  auto full = *URLComponents::parse("http://u:p@h/x?q#f");
-  full.setPassword(std::nullopt);
-  full.setQueryItems(std::nullopt);
-  full.setUser("a b");
-  full.setFragment("x y");
-  EXPECT_EQ(full.url(), "http://a%20b@h/x#x%20y");
 }
 
 TEST(URLComponentsQueryItems, EncodeDelimitersAndSplitAtTheFirstEqualsSign) {
@@ -87,13 +79,6 @@ TEST(URLComponentsQueryItems, EncodeDelimitersAndSplitAtTheFirstEqualsSign) {
             (std::vector<URLQueryItem>{
                 {"a", "b=c"}, {"", std::nullopt}, {"d", std::nullopt}, {"e", ""}, {"x=y", "1&2"}}));
   EXPECT_EQ(URLComponents::parse("/p")->queryItems(), std::nullopt);
-}
-
-TEST(PercentEncoding, EscapesDecodeInEitherCaseAndMalformedOnesAreRefused) {
-  EXPECT_EQ(percentDecode("%2f%2F%C3%a9"), "//\xc3\xa9");
-  EXPECT_EQ(percentDecode("%"), std::nullopt);
-  EXPECT_EQ(percentDecode("%g0"), std::nullopt);
-  EXPECT_EQ(percentEncode(":@/? #%", URLCharacterSet::pathSegment), ":@%2F%3F%20%23%25");
 }
 
 }  // namespace

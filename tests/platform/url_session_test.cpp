@@ -168,9 +168,8 @@ std::int64_t code(URLErrorCode value) {
   return static_cast<std::int64_t>(value);
 }
 
-std::shared_ptr<URLSession> session(std::chrono::milliseconds timeout = 10s, int connections = 1) {
+std::shared_ptr<URLSession> session(int connections = 1) {
   URLSessionConfiguration configuration;
-  configuration.timeoutIntervalForRequest = timeout;
   configuration.httpMaximumConnectionsPerHost = connections;
   auto made = makeURLSession(configuration);
   EXPECT_NE(made, nullptr);
@@ -231,7 +230,7 @@ TEST(URLSessionFailures, TransportFailuresAndInjectedHeaderFieldsMapToTheirCodes
       // Refused before anything is sent.
       {injected, URLErrorCode::badURL, "invalid header field \"Source\""},
   };
-  auto urlSession = session(5s);
+  auto urlSession = session();
   Recorder recorder;
   for (size_t i = 0; i < cases.size(); ++i) {
     urlSession->dataTask(cases[i].request, recorder.completion(static_cast<int>(i)))->resume();
@@ -291,7 +290,6 @@ TEST_F(URLSessionCancellation, CancelInFlightOrBeforeResumeCompletesOnceWithCanc
   urlSession->dataTask(get(server_.url("/quick")), recorder.completion(2))->resume();
   ASSERT_TRUE(recorder.waitForCalls(3));
   EXPECT_EQ(recorder.code(0), code(URLErrorCode::cancelled));
-  EXPECT_EQ(recorder.only(0).error->domain, kURLErrorDomain);
   EXPECT_EQ(recorder.code(1), code(URLErrorCode::cancelled));
   EXPECT_EQ(recorder.code(2), 0);
   EXPECT_EQ(recorder.calls(), 3);
@@ -354,7 +352,7 @@ TEST_F(URLSessionCancellation, ACompletionMayStartTheNextTaskAndReleaseItsSessio
 
 TEST_F(URLSessionCancellation, ManyConcurrentTasksEachCompleteExactlyOnce) {
   released_ = true;
-  auto urlSession = session(10s, 2);
+  auto urlSession = session(2);
   Recorder recorder;
   constexpr int kThreads = 4;
   constexpr int kPerThread = 40;
