@@ -26,11 +26,13 @@ using namespace std::chrono_literals;
 constexpr auto kPatience = 20s;
 
 // Accepts connections on 127.0.0.1, each on a thread of its own, reads one request from each
-// keeping its exact bytes, and answers with `reply` once `hold` has returned.
+// keeping its exact bytes (pausing `pace` after each read of up to 64 KiB), and answers with
+// `reply` once `hold` has returned.
 class RawServer {
  public:
-  explicit RawServer(std::string reply, std::function<void(const std::string&)> hold = {})
-      : reply_(std::move(reply)), hold_(std::move(hold)) {
+  explicit RawServer(std::string reply, std::function<void(const std::string&)> hold = {},
+                     std::chrono::milliseconds pace = {})
+      : reply_(std::move(reply)), hold_(std::move(hold)), pace_(pace) {
     listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -68,13 +70,14 @@ class RawServer {
 
   void answer(int connection) {
     std::string received;
-    std::vector<char> buffer(4096);
+    std::vector<char> buffer(64 * 1024);
     while (!complete(received)) {
       const ssize_t count = ::recv(connection, buffer.data(), buffer.size(), 0);
       if (count <= 0) {
         break;
       }
       received.append(buffer.data(), static_cast<size_t>(count));
+      std::this_thread::sleep_for(pace_);
     }
     {
       std::lock_guard lock(mutex_);
@@ -101,6 +104,7 @@ class RawServer {
 
   const std::string reply_;
   const std::function<void(const std::string&)> hold_;
+  const std::chrono::milliseconds pace_;
   int listener_ = -1;
   int port_ = 0;
   std::thread thread_;
@@ -250,6 +254,25 @@ TEST(URLSessionFailures, TransportFailuresAndInjectedHeaderFieldsMapToTheirCodes
 
 // A server that answers "/held" once the test sets `released_` (or after five seconds, so that
 // a failing test leaves no answer stuck), and everything else at once.
+// An upload on a slow link moves all the time: only a pause without progress may time it out,
+// or a large file would never get through.
+TEST(URLSessionFailures, TheTimeOutCountsOnlyTimeWithoutProgress) {
+  RawServer server("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", {}, 15ms);
+  URLSessionConfiguration configuration;
+  configuration.timeoutIntervalForRequest = 300ms;
+  auto slow = makeURLSession(configuration);
+  ASSERT_TRUE(slow);
+  URLRequest request = get(server.url("/ingest"));
+  request.httpMethod = "POST";
+  request.httpBody = Bytes(4 << 20, '7');  // 64 reads of 15 ms: several time-outs in all
+  Recorder recorder;
+  slow->dataTask(request, recorder.completion(0))->resume();
+  ASSERT_TRUE(recorder.waitForCalls(1));
+  const Outcome outcome = recorder.only(0);
+  ASSERT_FALSE(outcome.error) << outcome.error->text();
+  EXPECT_EQ(outcome.response->statusCode, 200);
+}
+
 class URLSessionCancellation : public ::testing::Test {
  protected:
   ~URLSessionCancellation() override { released_ = true; }
