@@ -62,14 +62,12 @@ class StoreFixture : public ::testing::Test {
  protected:
   void SetUp() override { store_ = openStore(); }
 
-  std::shared_ptr<EmbeddedHealthStore> openStore(std::string_view zone = "Europe/Berlin",
-                                                 std::shared_ptr<Clock> clock = nullptr,
-                                                 const std::string& file = "health.sqlite") {
+  std::shared_ptr<EmbeddedHealthStore> openStore(std::shared_ptr<Clock> clock = nullptr) {
     EmbeddedHealthStoreOptions options;
     options.clock = std::move(clock);
-    options.path = dir_.path() / file;
+    options.path = dir_.path() / "health.sqlite";
     options.dispatcher = dispatcher_;
-    options.timeZone = makeFixedTimeZoneSource(TimeZone::named(zone).value());
+    options.timeZone = makeFixedTimeZoneSource(TimeZone::named("Europe/Berlin").value());
     options.changePollInterval = std::chrono::milliseconds(10);
     auto store = EmbeddedHealthStore::open(std::move(options));
     EXPECT_TRUE(store.ok()) << (store.ok() ? "" : store.error().text());
