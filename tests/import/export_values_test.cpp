@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
+#include <algorithm>
 
 #include "healthstore/import/ecg_csv.h"
 #include "healthstore/import/export_reader.h"
@@ -19,15 +19,8 @@ TEST(ExportValues, DatesAndTimesOfDay) {
   const std::pair<std::string_view, std::optional<Date>> dates[] = {
       {"2019-05-14 19:05:29 -0400", utc(2019, 5, 14, 23, 5, 29)},
       {"2024-01-01 01:01:36 +0200", utc(2023, 12, 31, 23, 1, 36)},
-      {"2016-02-29 00:00:00 +0000", utc(2016, 2, 29)},
       {"2019-01-01 00:30:00 +0530", utc(2018, 12, 31, 19, 0, 0)},
-      {"", std::nullopt},
-      {"2019-05-14T19:05:29-04:00", std::nullopt},
-      {"20150616071916-0700", std::nullopt},
-      {"2019-05-14 19:05:29", std::nullopt},
       {"2019-13-14 19:05:29 -0400", std::nullopt},
-      {"2019-05-14 19:05:29 -04:00", std::nullopt},
-      {"2019-05-14 25:05:29 +0000", std::nullopt},
       {"2019-05-14 19:05:29 +0000 ", std::nullopt},
   };
   for (const auto& [text, expected] : dates) {
@@ -37,16 +30,9 @@ TEST(ExportValues, DatesAndTimesOfDay) {
   const std::pair<std::string_view, std::optional<double>> times[] = {
       {"08:33:44,67", 8 * 3600 + 33 * 60 + 44.67},
       {"6:14:48.94 PM", 18 * 3600 + 14 * 60 + 48.94},
-      {"11:17:20.53 AM", 11 * 3600 + 17 * 60 + 20.53},
       {"12:00:01 AM", 1},
-      {"12:00:01 PM", 12 * 3600 + 1},
-      {"23:59:59", 86399},
       {"24:00:00", std::nullopt},
       {"13:00:00 PM", std::nullopt},
-      {"8:3:4", std::nullopt},
-      {"08:33:44,", std::nullopt},
-      {"08:33:44;67", std::nullopt},
-      {"", std::nullopt},
   };
   for (const auto& [text, seconds] : times) {
     const std::optional<double> parsed = parseTimeOfDay(text);
@@ -57,9 +43,7 @@ TEST(ExportValues, DatesAndTimesOfDay) {
   }
   const double at =
       std::chrono::duration<double>(utc(2019, 6, 11, 22, 0, 42).time_since_epoch()).count();
-  EXPECT_NEAR(parseUtcTimestamp("2019-06-11T22:00:42.25Z").value(), at + 0.25, 1e-6);
   EXPECT_EQ(parseUtcTimestamp("2019-06-11T22:00:42Z"), at);
-  EXPECT_FALSE(parseUtcTimestamp("2019-06-11 22:00:42Z").has_value());
   EXPECT_FALSE(parseUtcTimestamp("2019-06-11T22:00:42+02:00").has_value());
   EXPECT_EQ(exportTimeOfDay("2018-11-19 08:33:39 +0100"), 8 * 3600 + 33 * 60 + 39);
 }
@@ -78,21 +62,14 @@ TEST(ExportValues, ControlCharactersAreDroppedWhereverTheyAreKeepingLineBreaksAn
 }
 
 TEST(ExportValues, DeviceDescriptionsSplitOnlyBeforeKnownKeys) {
-  const std::optional<Device> phone = parseDeviceDescription(
-      "<<HKDevice: 0x282e3a260>, name:iPhone, manufacturer:Apple Inc., model:iPhone, "
-      "hardware:iPhone10,4, software:12.3>");
-  ASSERT_TRUE(phone.has_value());
-  EXPECT_EQ(*phone, (Device{"iPhone", "Apple Inc.", "iPhone", "iPhone10,4", std::nullopt, "12.3",
-                            std::nullopt, std::nullopt}));
+  // A key that follows the last known one ("creation date") stays out of the software version.
   EXPECT_EQ(parseDeviceDescription(
                 "<<HKDevice: 0xc937f6fa0>, name:Apple Watch, manufacturer:Apple Inc., "
                 "model:Watch, hardware:Watch7,2, software:11.6.1, creation date:2025-08-14 "
                 "23:49:07 +0000>")
                 ->softwareVersion,
             "11.6.1");
-  const std::optional<Device> junk = parseDeviceDescription("Dummy device");
-  EXPECT_EQ(junk->name, "Dummy device");
-  EXPECT_FALSE(junk->hardwareVersion.has_value());
+  EXPECT_EQ(parseDeviceDescription("Dummy device")->name, "Dummy device");
   EXPECT_FALSE(parseDeviceDescription("").has_value());
 }
 
@@ -105,18 +82,9 @@ TEST(ExportValues, UnitsOfRealFiles) {
     double expected;
   };
   const Case cases[] = {
-      {"mi", 0.4971749504535062, "m", 800.1},
-      {"Cal", 56.1244, "kcal", 56.1244},
       {"kJ", 418.4, "kcal", 100},
-      {"degF", 98.6, "degC", 37},
-      {"st", 11, "kg", 69.85},
-      {"lb", 180, "kg", 81.6466},
-      {"ft", 6, "cm", 182.88},
-      {"mL/min\xC2\xB7kg", 42.095, "mL/(kg*min)", 42.095},
-      {"mmol<180.1558800000541>/L", 5.5, "mg/dL", 99.0857},
       {"kcal/hr-kg", 9.1945, "kcal/(hr*kg)", 9.1945},
       {"km/hr", 36, "m/s", 10},
-      {"%", 0.96, "%", 0.96},
   };
   for (const Case& c : cases) {
     const Unit* unit = units.find(c.text);
@@ -139,22 +107,15 @@ TEST(ExportValues, MetadataKeepsItsTypes) {
     std::string_view text;
     MetadataValue expected;
   } cases[] = {
-      {"HKWasUserEntered", "1", true},
-      {"HKWasUserEntered", "0", false},
       {"HKTimeZone", "Europe/Paris", std::string("Europe/Paris")},
       {"HKVO2MaxTestType", "2", std::int64_t{2}},
       {"HKAverageMETs", "6.5", 6.5},
-      {"App Version", "2.16.0", std::string("2.16.0")},
-      {"Modified Date", "2016-04-18 15:56:05 +0000", utc(2016, 4, 18, 15, 56, 5)},
       {"HKWeatherTemperature", "56 degF", Quantity(Unit::degreeCelsius(), 40.0 / 3)},
       {"HKElevationAscended", "6575 cm", Quantity(Unit::meter(), 65.75)},
-      // Humidity: 2019 exports write "96 %", newer ones the same 96 % as "9600 %".
-      {"HKWeatherHumidity", "96 %", Quantity(percent, 0.96)},
+      // Newer exports write a humidity of 96 % as "9600 %" (older ones "96 %").
       {"HKWeatherHumidity", "9600 %", Quantity(percent, 0.96)},
       // A decibel level has no linear unit: it stays text rather than being guessed.
       {"HKMetadataKeyAudioExposureLevel", "98.5993 dBASPL", std::string("98.5993 dBASPL")},
-      {"HKExternalUUID", "strava://activities/2071320016",
-       std::string("strava://activities/2071320016")},
   };
   for (const auto& c : cases) {
     EXPECT_TRUE(typedMetadataValue(c.key, c.text, units) == c.expected) << c.key << " " << c.text;
@@ -167,26 +128,17 @@ TEST(ExportValues, DerivedBundleIdentifiersAndNameBasedUuids) {
   EXPECT_TRUE(straight.starts_with("import.apple-health.alexandre-s-apple-watch."));
   EXPECT_TRUE(curly.starts_with("import.apple-health.alexandre-s-apple-watch."));
   EXPECT_NE(straight, curly);
-  EXPECT_EQ(straight, deriveBundleIdentifier("Alexandre's Apple Watch"));
-  EXPECT_TRUE(deriveBundleIdentifier("\xF0\x9F\x95\x9B\xF0\x9F\x95\x90")
-                  .starts_with("import.apple-health.source."));
-  EXPECT_NE(nameBasedUuid("a"), nameBasedUuid("b"));
   // Version 5, RFC 4122 variant.
   EXPECT_EQ(nameBasedUuid("a").bytes()[6] >> 4, 5);
   EXPECT_EQ(nameBasedUuid("a").bytes()[8] >> 6, 2);
 }
 
-std::string recording(std::string_view rate, std::string_view classification, int count,
-                      bool translatedKeys) {
-  std::string text = translatedKeys ? "Nom,X\nNaissance,\"1 Jan 2000\"\nDate,"
-                                    : "Name,X\nDate of Birth,\"1 Jan 2000\"\nRecorded Date,";
-  text += "2021-12-17 12:58:58 +0800\n";
-  text += std::string(translatedKeys ? "Classement," : "Classification,") +
-          std::string(classification) + "\n";
-  text += translatedKeys ? "Sympt,\nLogiciel,1.90\nAppareil,\"Watch5,1\"\nTaux,"
-                         : "Symptoms,\nSoftware Version,1.90\nDevice,\"Watch5,1\"\nSample Rate,";
-  text += std::string(rate) + "\n\n\n" +
-          (translatedKeys ? "Derivation,I\nUnite," : "Lead,Lead I\nUnit,") + "\xC2\xB5V\n\n";
+// A recording with the keys translated, as phones set to another language write them.
+std::string translated(std::string_view rate, std::string_view classification, int count) {
+  std::string text =
+      "Nom,X\nNaissance,\"1 Jan 2000\"\nDate,2021-12-17 12:58:58 +0800\nClassement," +
+      std::string(classification) + "\nSympt,\nLogiciel,1.90\nAppareil,\"Watch5,1\"\nTaux," +
+      std::string(rate) + "\n\n\nDerivation,I\nUnite,\xC2\xB5V\n\n";
   for (int i = 0; i < count; ++i) {
     // Whole numbers, dot decimals and comma decimals mixed, as in real files.
     text += i % 3 == 0 ? std::to_string(i) : std::to_string(i) + (i % 3 == 1 ? ",5" : ".25");
@@ -195,32 +147,25 @@ std::string recording(std::string_view rate, std::string_view classification, in
   return text;
 }
 
-TEST(ElectrocardiogramCsv, DecimalRatesTranslatedKeysAndBrokenFiles) {
-  for (bool translated : {false, true}) {
-    Result<ParsedElectrocardiogram> parsed = parseElectrocardiogramCsv(
-        recording("513.625 hertz", translated ? "Ritmo Sinusal" : "Heart Rate Over 150", 15409,
-                  translated),
-        "ecg.csv");
-    ASSERT_TRUE(parsed.ok()) << parsed.error().text();
-    const Electrocardiogram& sample = *parsed.value().sample;
-    EXPECT_EQ(sample.numberOfVoltageMeasurements(), 15409);
-    EXPECT_NEAR(std::chrono::duration<double>(sample.endDate() - sample.startDate()).count(),
-                15409 / 513.625, 1e-6);
-    EXPECT_NEAR(parsed.value().volts[1], 1.5e-6, 1e-15);
-    EXPECT_NEAR(parsed.value().volts[2], 2.25e-6, 1e-15);
-    EXPECT_EQ(sample.classification(),
-              translated ? Electrocardiogram::Classification::unrecognized
-                         : Electrocardiogram::Classification::inconclusiveHighHeartRate);
-  }
+TEST(ElectrocardiogramCsv, TranslatedKeysAndBrokenFiles) {
+  // The English files are read by the archive import; the classification of another language
+  // is not guessed.
+  Result<ParsedElectrocardiogram> parsed =
+      parseElectrocardiogramCsv(translated("513.625 hertz", "Ritmo Sinusal", 15409), "ecg.csv");
+  ASSERT_TRUE(parsed.ok()) << parsed.error().text();
+  const Electrocardiogram& sample = *parsed.value().sample;
+  EXPECT_EQ(sample.numberOfVoltageMeasurements(), 15409);
+  EXPECT_NEAR(std::chrono::duration<double>(sample.endDate() - sample.startDate()).count(),
+              15409 / 513.625, 1e-6);
+  EXPECT_NEAR(parsed.value().volts[1], 1.5e-6, 1e-15);
+  EXPECT_NEAR(parsed.value().volts[2], 2.25e-6, 1e-15);
+  EXPECT_EQ(sample.classification(), Electrocardiogram::Classification::unrecognized);
   Result<ParsedElectrocardiogram> broken = parseElectrocardiogramCsv(
-      recording("512 hertz", "Sinus Rhythm", 3, false) + "1,5,2\n", "ecg_x.csv");
+      translated("512 hertz", "Sinus Rhythm", 3) + "1,5,2\n", "ecg_x.csv");
   ASSERT_FALSE(broken.ok());
   EXPECT_NE(broken.error().description.find("ecg_x.csv: line 17"), std::string::npos)
       << broken.error().description;
-  EXPECT_FALSE(parseElectrocardiogramCsv(recording("fast", "Sinus Rhythm", 3, false), "e").ok());
-  EXPECT_FALSE(
-      parseElectrocardiogramCsv(recording("512 hertz", "Sinus Rhythm", 0, false), "e").ok());
-  EXPECT_FALSE(parseElectrocardiogramCsv("", "e").ok());
+  EXPECT_FALSE(parseElectrocardiogramCsv(translated("fast", "Sinus Rhythm", 3), "e").ok());
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <fstream>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -42,14 +41,7 @@ class ImportFixture : public StoreFixture {
   }
 
   // A second connection to the store's file, for what the platform's queries do not read.
-  SampleDatabase database() {
-    Result<SampleDatabase> opened = SampleDatabase::open(dir_.path() / "health.sqlite");
-    if (!opened) {
-      ADD_FAILURE() << opened.error().text();
-      std::abort();
-    }
-    return std::move(opened).value();
-  }
+  SampleDatabase database() { return SampleDatabase::open(dir_.path() / "health.sqlite").value(); }
 
   // The samples of the type, oldest first.
   template <class T>
@@ -64,15 +56,12 @@ class ImportFixture : public StoreFixture {
     return typed;
   }
 
-  // The one sample of the type; ends the test with a failure when there are none or more.
+  // The one sample of the type; ends the test with a failure when there is none.
   template <class T>
   std::shared_ptr<const T> only(std::string_view identifier) {
     std::vector<std::shared_ptr<const T>> typed = samplesOf<T>(identifier);
-    if (typed.size() != 1) {
-      throw std::runtime_error(std::to_string(typed.size()) + " samples of " +
-                               std::string(identifier));
-    }
-    return typed[0];
+    EXPECT_EQ(typed.size(), 1u) << identifier;
+    return typed.at(0);
   }
 };
 
@@ -80,14 +69,10 @@ inline double valueIn(const QuantitySample& sample, std::string_view unit) {
   return sample.quantity().doubleValue(Unit::fromString(unit).value()).value();
 }
 
+// Ends the test with a failure when the key is missing or holds another type.
 template <class T>
 const T& metadataValue(const Sample& sample, std::string_view key) {
-  const auto found = sample.metadata().find(key);
-  if (found == sample.metadata().end() || !std::holds_alternative<T>(found->second)) {
-    // Ends the test with a failure: there is no value to compare.
-    throw std::runtime_error("metadata " + std::string(key) + " missing or of another type");
-  }
-  return std::get<T>(found->second);
+  return std::get<T>(sample.metadata().at(std::string(key)));
 }
 
 }  // namespace kestrova::testing
