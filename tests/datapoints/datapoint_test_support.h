@@ -54,10 +54,6 @@ inline Uuid testUuid(int n) {
   return Uuid(bytes);
 }
 
-inline SourceRevision sourceOf(std::string bundle) {
-  return SourceRevision{Source{"Source", std::move(bundle)}, "1.0", std::nullopt, {}};
-}
-
 inline SampleProperties properties(int uuid, Date start, Date end, Metadata metadata = {},
                                    std::string bundle = "com.apple.health.phone") {
   SampleProperties made;
@@ -65,7 +61,8 @@ inline SampleProperties properties(int uuid, Date start, Date end, Metadata meta
   made.startDate = start;
   made.endDate = end;
   made.metadata = std::move(metadata);
-  made.sourceRevision = sourceOf(std::move(bundle));
+  made.sourceRevision =
+      SourceRevision{Source{"Source", std::move(bundle)}, "1.0", std::nullopt, {}};
   return made;
 }
 
