@@ -9,7 +9,7 @@
 
 #include "server/jwt.h"
 #include "server/server.h"
-#include "support/child_process.h"
+#include "support/kestrova_command.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -23,13 +23,7 @@ constexpr std::string_view kExport =
 // Long enough for any step of a run on a loaded machine; waits end as soon as they can.
 constexpr auto kDeadline = std::chrono::seconds(60);
 
-struct CommandRun {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-
-  nlohmann::json json() const { return nlohmann::json::parse(out); }
-};
+using testing::CommandRun;
 
 // The words of a command line; the tests' arguments hold no quoted spaces.
 std::vector<std::string> words(const std::string& line) {
@@ -52,18 +46,10 @@ class CliTest : public ::testing::Test {
   }
 
   // Runs kestrova with `arguments` (words) and the token, if any, in its environment only, as
-  // a user is told to. An empty value, when there is no token, hides one the test's own
-  // environment may hold.
+  // a user is told to.
   CommandRun kestrova(const std::string& arguments, const std::string& token = "") {
-    auto argv = words(arguments);
-    argv.insert(argv.begin(), KESTROVA_CLI_PATH);
-    argv.push_back("--data-dir");
-    argv.push_back((dir_.path() / "data").string());
-    testing::ChildProcess process(std::move(argv), dir_.path() / "command.out",
-                                  dir_.path() / "command.err",
-                                  std::vector<std::string>{"KESTROVA_TOKEN=" + token});
-    const auto exitCode = process.wait(kDeadline);
-    return CommandRun{exitCode.value_or(-1), process.out(), process.err()};
+    return testing::KestrovaCommand(KESTROVA_CLI_PATH, dir_.path() / "data", token)
+        .run(words(arguments), kDeadline);
   }
 
   void import() { ASSERT_EQ(kestrova("import --quiet " + std::string(kExport)).exitCode, 0); }

@@ -22,7 +22,7 @@
 #include "platform/linux/sqlite.h"
 #include "platform/log.h"
 #include "server/server.h"
-#include "support/child_process.h"
+#include "support/kestrova_command.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -80,41 +80,7 @@ std::vector<fs::path> uploadFiles(const fs::path& dataDirectory) {
   return files;
 }
 
-struct Finished {
-  int exitCode = -1;  // 128 + signal when killed
-  std::string out;
-  std::string err;
-};
-
-// The kestrova binary in child processes on one data directory, the token in their
-// environment only; the output of the latest run is kept in files next to the directory.
-class KestrovaCommand {
- public:
-  KestrovaCommand(fs::path dataDirectory, std::string token)
-      : dataDirectory_(std::move(dataDirectory)), token_(std::move(token)) {}
-
-  std::unique_ptr<testing::ChildProcess> start(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), KESTROVA_CLI_PATH);
-    arguments.push_back("--data-dir");
-    arguments.push_back(dataDirectory_.string());
-    auto child = std::make_unique<testing::ChildProcess>(
-        std::move(arguments), dataDirectory_.string() + ".out", dataDirectory_.string() + ".err",
-        std::vector<std::string>{"KESTROVA_TOKEN=" + token_});
-    EXPECT_TRUE(child->started()) << KESTROVA_CLI_PATH;
-    return child;
-  }
-
-  Finished run(std::vector<std::string> arguments) const {
-    auto child = start(std::move(arguments));
-    const auto exitCode = child->wait(kLongestRun);
-    EXPECT_TRUE(exitCode) << "still running after " << kLongestRun.count() << " ms";
-    return Finished{exitCode.value_or(-1), child->out(), child->err()};
-  }
-
- private:
-  fs::path dataDirectory_;
-  std::string token_;
-};
+using testing::KestrovaCommand;
 
 // A data directory with the export imported, and a server of its own for its deliveries.
 struct Side {
@@ -122,7 +88,7 @@ struct Side {
       : name(name), dataDirectory(root / name) {
     startServer();
     if (server) {
-      const auto imported = command->run({"import", "--quiet", exportFolder.string()});
+      const auto imported = command->run({"import", "--quiet", exportFolder.string()}, kLongestRun);
       EXPECT_EQ(imported.exitCode, 0) << imported.err;
     }
   }
@@ -131,7 +97,7 @@ struct Side {
   void startServer() {
     server = testing::startServer(name + "-secret-" + std::to_string(std::random_device{}()));
     if (server) {
-      command.emplace(dataDirectory, server->tokenFor(std::string(kProfile)));
+      command.emplace(KESTROVA_CLI_PATH, dataDirectory, server->tokenFor(std::string(kProfile)));
     }
   }
 
@@ -150,7 +116,7 @@ struct Side {
   // A sync run to its end: it exits 0 only once every upload file is gone and every
   // statistics upload is answered.
   void sync() const {
-    const auto finished = command->run(syncArguments());
+    const auto finished = command->run(syncArguments(), kLongestRun);
     EXPECT_EQ(finished.exitCode, 0) << finished.err;
   }
 
@@ -221,7 +187,7 @@ fs::path CrashConsistencyTest::exportFolder_;
 
 // What `kestrova status --json` reports; null when it fails.
 nlohmann::json statusReport(const KestrovaCommand& command) {
-  const auto status = command.run({"status", "--json"});
+  const auto status = command.run({"status", "--json"}, kLongestRun);
   EXPECT_EQ(status.exitCode, 0) << status.err;
   return status.exitCode == 0 ? nlohmann::json::parse(status.out, nullptr, false)
                               : nlohmann::json();
@@ -356,7 +322,7 @@ TEST_F(CrashConsistencyTest, SyncKilledAtRandomMomentsDeliversEverythingAndLeave
       ASSERT_FALSE(::testing::Test::HasFailure());
       killed.startServer();
       ASSERT_TRUE(killed.server);
-      ASSERT_EQ(killed.command->run({"disconnect"}).exitCode, 0);
+      ASSERT_EQ(killed.command->run({"disconnect"}, kLongestRun).exitCode, 0);
     }
   }
   finishRound();
@@ -389,7 +355,7 @@ TEST_F(CrashConsistencyTest, AWriteCutShortByAKillIsRemovedByTheNextSync) {
                 ".2021-01-28T06:00:00.000Z---body-2021-01-28T06:00:00.000Z---crash-profile.q1W2e3")
       << R"([{"header":{"id":)";
   // Bounded: a run that waits for the file would otherwise wait for its whole timeout.
-  const auto next = side.command->run(side.syncArguments("30"));
+  const auto next = side.command->run(side.syncArguments("30"), kLongestRun);
   EXPECT_EQ(next.exitCode, 0) << next.err;
   expectSettledDataDirectory(side.dataDirectory);
   EXPECT_EQ(side.delivered().size(), delivered);

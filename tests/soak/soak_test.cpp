@@ -14,7 +14,7 @@
 #include "export_generator.h"
 #include "platform/log.h"
 #include "server/server.h"
-#include "support/child_process.h"
+#include "support/kestrova_command.h"
 #include "support/test_support.h"
 
 namespace kestrova {
@@ -93,22 +93,10 @@ class SoakTest : public ::testing::Test {
     }
   }
 
-  // Starts kestrova on the data directory `side`, the token in its environment only.
-  std::unique_ptr<testing::ChildProcess> kestrova(const std::string& side,
-                                                  std::vector<std::string> arguments,
-                                                  const std::string& token) {
-    // One output file per subcommand: an import must not truncate what watch writes.
-    const auto output = dir_.path() / (side + "-" + arguments.front());
-    arguments.insert(arguments.begin(), KESTROVA_CLI_PATH);
-    arguments.insert(arguments.end(), {"--data-dir", (dir_.path() / side).string()});
-    return std::make_unique<testing::ChildProcess>(
-        std::move(arguments), output.string() + ".out", output.string() + ".err",
-        std::vector<std::string>{"KESTROVA_TOKEN=" + token});
-  }
-
-  void import(const std::string& side, const fs::path& part) {
-    auto run = kestrova(side, {"import", "--quiet", part.string()}, "");
-    ASSERT_EQ(run->wait(kStepTimeout), 0) << run->err();
+  // kestrova on the data directory `side`, with the profile's token of `server`.
+  testing::KestrovaCommand kestrova(const std::string& side,
+                                    const server::KestrovaServer& server) const {
+    return {KESTROVA_CLI_PATH, dir_.path() / side, server.tokenFor(std::string(kProfile))};
   }
 
   testing::TempDir dir_;
@@ -119,14 +107,14 @@ TEST_F(SoakTest, WatchLosesNothingWhileTheBackEndFailsAtRandomAndThenRecovers) {
   // The reference: what a sync delivers to a back end without faults.
   auto clean = testing::startServer("soak-secret");
   ASSERT_TRUE(clean);
+  const auto reference = kestrova("clean", *clean);
   for (const auto& part : parts_) {
-    import("clean", part);
+    ASSERT_EQ(reference.run({"import", "--quiet", part.string()}, kStepTimeout).exitCode, 0);
   }
-  auto sync = kestrova("clean",
-                       {"sync", "--url", clean->baseUrl(), "--since", std::string(kSince),
-                        "--timeout", "240", "--json", "--quiet"},
-                       clean->tokenFor(std::string(kProfile)));
-  ASSERT_EQ(sync->wait(kStepTimeout), 0) << sync->err();
+  const auto sync = reference.run({"sync", "--url", clean->baseUrl(), "--since",
+                                   std::string(kSince), "--timeout", "240", "--json", "--quiet"},
+                                  kStepTimeout);
+  ASSERT_EQ(sync.exitCode, 0) << sync.err;
   const auto expected = headerIds(*clean);
   ASSERT_FALSE(expected.empty());
 
@@ -138,14 +126,14 @@ TEST_F(SoakTest, WatchLosesNothingWhileTheBackEndFailsAtRandomAndThenRecovers) {
   faults.seed = kFaultSeed;
   auto faulty = testing::startServer("soak-secret", faults);
   ASSERT_TRUE(faulty);
-  auto watch = kestrova("faulty",
-                        {"watch", "--json", "--quiet", "--url", faulty->baseUrl(), "--since",
-                         std::string(kSince), "--max-retry-delay", std::string(kMaxRetryDelay)},
-                        faulty->tokenFor(std::string(kProfile)));
+  const auto command = kestrova("faulty", *faulty);
+  auto watch =
+      command.start({"watch", "--json", "--quiet", "--url", faulty->baseUrl(), "--since",
+                     std::string(kSince), "--max-retry-delay", std::string(kMaxRetryDelay)});
   ASSERT_TRUE(watch->started());
   const auto soak = std::chrono::seconds(soakSeconds());
   for (const auto& part : parts_) {
-    import("faulty", part);
+    ASSERT_EQ(command.run({"import", "--quiet", part.string()}, kStepTimeout).exitCode, 0);
     ASSERT_EQ(watch->wait(soak / parts_.size()), std::nullopt)
         << "watch ended during the faults: " << watch->err();
   }
