@@ -252,8 +252,6 @@ TEST(URLSessionFailures, TransportFailuresAndInjectedHeaderFieldsMapToTheirCodes
   }
 }
 
-// A server that answers "/held" once the test sets `released_` (or after five seconds, so that
-// a failing test leaves no answer stuck), and everything else at once.
 // An upload on a slow link moves all the time: only a pause without progress may time it out,
 // or a large file would never get through.
 TEST(URLSessionFailures, TheTimeOutCountsOnlyTimeWithoutProgress) {
@@ -273,6 +271,8 @@ TEST(URLSessionFailures, TheTimeOutCountsOnlyTimeWithoutProgress) {
   EXPECT_EQ(outcome.response->statusCode, 200);
 }
 
+// A server that answers "/held" once the test sets `released_` (or after five seconds, so that
+// a failing test leaves no answer stuck), and everything else at once.
 class URLSessionCancellation : public ::testing::Test {
  protected:
   ~URLSessionCancellation() override { released_ = true; }
