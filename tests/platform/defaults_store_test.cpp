@@ -117,6 +117,22 @@ TEST(SqliteDefaultsStore, ConcurrentWritersLoseNothing) {
   }
 }
 
+// Two processes that start on a new data directory at once (an import while watch starts) set
+// up the same new file together; neither may fail for the other's lock.
+TEST(SqliteDefaultsStore, TwoOpeningsOfANewFileAtOnceBothSucceed) {
+  TempDir dir;
+  for (int round = 0; round < 40; ++round) {
+    const auto path = dir.path() / ("defaults-" + std::to_string(round) + ".sqlite");
+    std::vector<std::thread> openings;
+    for (int opening = 0; opening < 3; ++opening) {
+      openings.emplace_back([path] { EXPECT_TRUE(openStore(path)); });
+    }
+    for (auto& thread : openings) {
+      thread.join();
+    }
+  }
+}
+
 // One iteration i of the writer leaves "blob" = 16 KiB of byte (i % 251), "k<i>" = i, and
 // "batch.0".."batch.2" = i written in one transaction.
 Bytes blobFor(std::int64_t i) {

@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "platform/linux/posix.h"
@@ -21,6 +23,10 @@ constexpr std::string_view kDamagedStoreNotMoved =
     "%{public}@";
 // Files SQLite keeps next to a database; they belong to it and move with it.
 constexpr std::string_view kCompanionSuffixes[] = {"-wal", "-shm", "-journal"};
+// How long a store's setup is tried again while another connection's lock is in its way, and
+// the pause between tries.
+constexpr std::chrono::milliseconds kSetUpBusyPatience{10'000};
+constexpr std::chrono::milliseconds kSetUpBusyPause{20};
 
 // A non-null pointer for empty texts and blobs: SQLite binds a null pointer as NULL.
 constexpr char kEmptyText[] = "";
@@ -85,6 +91,10 @@ Error sqliteError(sqlite3* db, int code) {
   const bool connectionKnowsIt = db != nullptr && sqlite3_extended_errcode(db) == code;
   return Error{std::string(kSqliteErrorDomain), code,
                connectionKnowsIt ? sqlite3_errmsg(db) : sqlite3_errstr(code)};
+}
+
+bool isSqliteBusy(const Error& error) {
+  return error.domain == kSqliteErrorDomain && (error.code & 0xff) == SQLITE_BUSY;
 }
 
 bool isSqliteCorruption(const Error& error) {
@@ -351,7 +361,9 @@ Status sqliteQuickCheck(SqliteDatabase& database) {
 
 Result<SqliteDatabase> openSqliteStore(const SqliteStoreOpening& opening) {
   const std::filesystem::path& path = opening.path;
-  for (int attempt = 0;; ++attempt) {
+  bool movedAside = false;
+  const auto busyUntil = std::chrono::steady_clock::now() + kSetUpBusyPatience;
+  for (;;) {
     if (opening.prepareFile) {
       if (Status failure = opening.prepareFile()) {
         return *failure;
@@ -375,9 +387,18 @@ Result<SqliteDatabase> openSqliteStore(const SqliteStoreOpening& opening) {
     if (!failure) {
       return database;
     }
-    if (attempt > 0 || !isSqliteCorruption(*failure)) {
+    // Connections setting up a new file at once (two processes starting on a new data
+    // directory) can meet locks that the busy handler does not wait for, such as the change to
+    // WAL: the setup is run again on a new connection.
+    if (isSqliteBusy(*failure) && std::chrono::steady_clock::now() < busyUntil) {
+      database = SqliteDatabase();
+      std::this_thread::sleep_for(kSetUpBusyPause);
+      continue;
+    }
+    if (movedAside || !isSqliteCorruption(*failure)) {
       return *failure;
     }
+    movedAside = true;
     // Moved while still open: closing the last connection deletes the -wal and -shm files by
     // name, which must by then name nothing.
     Result<std::filesystem::path> moved = moveDatabaseAside(path);

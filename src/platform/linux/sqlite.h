@@ -26,6 +26,8 @@ inline constexpr int kSqliteOpenDefault =
 
 // Error{"SQLite", code, message}; the message is the connection's when there is one.
 Error sqliteError(sqlite3* db, int code);
+// Whether `error` is SQLITE_BUSY (or one of its extended codes).
+bool isSqliteBusy(const Error& error);
 // True for the results that mean the file is not a database or is damaged.
 bool isSqliteCorruption(const Error& error);
 
@@ -171,7 +173,8 @@ struct SqliteStoreOpening {
 
 // Opens the database; a file that turns out to be damaged, at open or in setUp, is moved
 // aside with its -wal, -shm and -journal files to "<name>.corrupt-<unix seconds>", an error
-// line names both paths, and a new database is started in its place.
+// line names both paths, and a new database is started in its place. A setUp that fails
+// because another connection holds a lock is run again on a new connection, for up to 10 s.
 Result<SqliteDatabase> openSqliteStore(const SqliteStoreOpening& opening);
 
 // The database's integrity by "PRAGMA quick_check": an SQLITE_CORRUPT error when it finds
